@@ -1,0 +1,15 @@
+#include "StillowCore/Invariant.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace stillow::core {
+
+void stopProcess(std::string_view message, std::source_location where) noexcept {
+  std::fprintf(stderr, "Fatal error: %.*s (%s:%u)\n", static_cast<int>(message.size()),
+               message.data(), where.file_name(), static_cast<unsigned>(where.line()));
+  std::fflush(stderr);
+  std::abort();
+}
+
+}  // namespace stillow::core
