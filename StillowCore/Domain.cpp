@@ -1,0 +1,110 @@
+#include "StillowCore/Domain.hpp"
+
+#include <array>
+#include <cstdint>
+
+#include "StillowCore/Text.hpp"
+
+namespace stillow::core {
+
+namespace {
+
+constexpr std::string_view forbiddenSigns = R"(/\?#@:[]"'<>,;=&%+!*())";
+static_assert(forbiddenSigns.size() == 22);
+
+/// U+037E, the Greek question mark, is canonically the same character as ";".
+constexpr char32_t greekQuestionMark = 0x37E;
+
+constexpr bool isASCIIWhitespace(char c) noexcept { return (c >= '\t' && c <= '\r') || c == ' '; }
+
+/// What an ASCII byte means to the check, so that the common name takes one look per byte.
+enum class Role : std::uint8_t { plain, dot, refused };
+
+constexpr std::array<Role, 128> roles = [] {
+  std::array<Role, 128> table{};
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    const char c = static_cast<char>(i);
+    if (isASCIIWhitespace(c) || forbiddenSigns.find(c) != std::string_view::npos) {
+      table[i] = Role::refused;
+    }
+  }
+  table['.'] = Role::dot;
+  return table;
+}();
+
+constexpr Role roleOf(char c) noexcept { return roles[static_cast<unsigned char>(c)]; }
+
+bool isASCIIName(std::string_view name) noexcept {
+  bool isLabelEmpty = true;
+  for (const char c : name) {
+    switch (roleOf(c)) {
+      case Role::plain:
+        isLabelEmpty = false;
+        break;
+      case Role::dot:
+        if (isLabelEmpty) return false;
+        isLabelEmpty = true;
+        break;
+      case Role::refused:
+        return false;
+    }
+  }
+  return !isLabelEmpty;
+}
+
+/// The same rule for well-formed text beyond ASCII, where a sign with a combining mark is another
+/// character, and a character is white space by its first code point.
+bool isUnicodeName(std::string_view name) {
+  bool isLabelEmpty = true;
+  for (std::size_t at = 0; at < name.size();) {
+    const auto next = text::codePointAt(name, at);
+    const bool isASCII = next.value < 0x80;
+    const Role role = isASCII ? roleOf(name[at]) : Role::plain;
+    const bool isWhitespace =
+        isASCII ? isASCIIWhitespace(name[at]) : text::platform::isWhitespace(next.value);
+    if (isWhitespace && text::isCharacterBoundary(name, at)) return false;
+    const auto isWhole = [&] {
+      return text::isCharacterBoundary(name, at) &&
+             text::isCharacterBoundary(name, at + next.length);
+    };
+    if (role == Role::dot && isWhole()) {
+      if (isLabelEmpty) return false;
+      isLabelEmpty = true;
+    } else {
+      if ((role == Role::refused || next.value == greekQuestionMark) && isWhole()) return false;
+      isLabelEmpty = false;
+    }
+    at += next.length;
+  }
+  return !isLabelEmpty;
+}
+
+}  // namespace
+
+std::optional<Domain> Domain::make(std::string_view name) {
+  if (text::isASCII(name)) {
+    if (name.ends_with('.')) name.remove_suffix(1);
+    if (!isASCIIName(name)) return std::nullopt;
+    return Domain(text::lowercased(name));
+  }
+  if (!text::isValidUTF8(name)) return std::nullopt;
+  std::string lower = text::lowercased(name);
+  if (text::hasSuffix(lower, '.')) lower.pop_back();
+  // Lower-casing can leave only ASCII: U+212A becomes "k".
+  if (text::isASCII(lower) ? !isASCIIName(lower) : !isUnicodeName(lower)) return std::nullopt;
+  return Domain(std::move(lower));
+}
+
+std::weak_ordering operator<=>(const Domain& left, const Domain& right) {
+  if (text::isASCII(left.name_) && text::isASCII(right.name_)) return left.name_ <=> right.name_;
+  return text::canonicallyComposed(left.name_) <=> text::canonicallyComposed(right.name_);
+}
+
+}  // namespace stillow::core
+
+std::size_t std::hash<stillow::core::Domain>::operator()(
+    const stillow::core::Domain& domain) const {
+  namespace text = stillow::core::text;
+  if (text::isASCII(domain.name())) return std::hash<std::string>{}(domain.name());
+  return std::hash<std::string>{}(text::canonicallyComposed(domain.name()));
+}

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace stillow::core {
+
+/// A host name that passed the character check: lower case, no final dot, one or more non-empty
+/// labels separated by ".", no white space and none of the signs /\?#@:[]"'<>,;=&%+!*().
+///
+/// On purpose there is no limit on lengths, no rule about hyphens, a single label is fine, and
+/// letters beyond ASCII stay as they stand. Names are equal, ordered and hashed under canonical
+/// equivalence: é equals e followed by U+0301.
+class Domain {
+ public:
+  /// Lower-cases `name` and removes one final dot. None where the rule above refuses the rest, or
+  /// where it is not UTF-8.
+  [[nodiscard]] static std::optional<Domain> make(std::string_view name);
+
+  [[nodiscard]] const std::string& name() const& noexcept { return name_; }
+  [[nodiscard]] std::string name() && noexcept { return std::move(name_); }
+
+  friend bool operator==(const Domain& left, const Domain& right) {
+    return left.name_ == right.name_ || (left <=> right) == 0;
+  }
+  /// Byte order of the canonically composed names.
+  friend std::weak_ordering operator<=>(const Domain& left, const Domain& right);
+
+ private:
+  explicit Domain(std::string name) noexcept : name_(std::move(name)) {}
+
+  std::string name_;
+};
+
+}  // namespace stillow::core
+
+template <>
+struct std::hash<stillow::core::Domain> {
+  std::size_t operator()(const stillow::core::Domain& domain) const;
+};
