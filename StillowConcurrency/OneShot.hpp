@@ -1,0 +1,98 @@
+#pragma once
+
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/post.hpp>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "StillowConcurrency/Task.hpp"
+#include "StillowCore/Invariant.hpp"
+
+namespace stillow::concurrency {
+
+/// One value that is waited for by at most one task. The first `settle` wins; later ones are ignored.
+///
+/// Copies share the value. `settle` may be called from any thread, before or after the wait began; the
+/// waiter is resumed through its own executor, never inside `settle`.
+template <class T>
+class OneShot {
+ public:
+  OneShot() : state_(std::make_shared<State>()) {}
+
+  /// False if a value was settled before: then `value` is dropped.
+  bool settle(T value) const {
+    Resume resume;
+    {
+      const std::lock_guard lock(state_->mutex);
+      if (state_->isFinished) return false;
+      state_->isFinished = true;
+      if (!state_->resume) {
+        state_->settled.emplace(std::move(value));
+        return true;
+      }
+      resume = std::exchange(state_->resume, nullptr);
+    }
+    resume(std::move(value));
+    return true;
+  }
+
+  [[nodiscard]] bool isFinished() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->isFinished;
+  }
+
+  /// The value, now or later. At most one call.
+  [[nodiscard]] Task<T> wait() const { return waitFor(state_); }
+
+ private:
+  using Resume = std::function<void(T)>;
+  struct State {
+    std::mutex mutex;
+    Resume resume;             // the waiting task, if any
+    std::optional<T> settled;  // a value that came before the wait
+    bool isFinished = false;
+  };
+
+  // A static coroutine: it keeps the state alive whatever becomes of the object.
+  static Task<T> waitFor(std::shared_ptr<State> state) {
+    T value = co_await boost::asio::async_initiate<const boost::asio::use_awaitable_t<>, void(T)>(
+        Initiate{state}, boost::asio::use_awaitable);
+    co_return value;
+  }
+
+  struct Initiate {
+    std::shared_ptr<State> state;
+
+    template <class Handler>
+    void operator()(Handler&& handler) const {
+      // std::function wants copies, a completion handler is movable only.
+      auto shared = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
+      Resume resume = [shared](T value) {
+        const auto executor = boost::asio::get_associated_executor(*shared);
+        boost::asio::post(executor,
+                          [handler = std::move(*shared), value = std::move(value)]() mutable {
+                            std::move(handler)(std::move(value));
+                          });
+      };
+      std::optional<T> settled;
+      {
+        const std::lock_guard lock(state->mutex);
+        core::require(!state->resume, "a OneShot has one waiter");
+        if (!state->settled) {
+          state->resume = std::move(resume);
+          return;
+        }
+        settled = std::exchange(state->settled, std::nullopt);
+      }
+      resume(std::move(*settled));
+    }
+  };
+
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace stillow::concurrency
