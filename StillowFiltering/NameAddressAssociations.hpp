@@ -1,0 +1,107 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "StillowCore/Date.hpp"
+#include "StillowFiltering/FlowAddress.hpp"
+
+namespace stillow::filtering {
+
+/// Which host names were recently seen going to an address, so that a flow without a name can be
+/// judged by the company its address keeps.
+///
+/// Bounded in age, in addresses and in names for each address. Which entry goes when the table is
+/// full:
+///  - first every entry whose latest observation is `lifetime` old or older,
+///  - then those with the earliest latest observation; of two with the same, the one that was
+///  recorded
+///    longer ago; never the entry just recorded, even if the clock went back meanwhile.
+/// Which name goes when an address has too many: the one observed earliest; of two with the same
+/// time, the one that stands first. Bounds below 0 count as 0.
+///
+/// Not synchronised: the owner's lock guards it.
+class NameAddressAssociations {
+ public:
+  struct Limits {
+    double lifetime;  ///< seconds that an observation stays fresh
+    std::int64_t maximumAddresses;
+    std::int64_t maximumNamesPerAddress;
+
+    friend bool operator==(const Limits&, const Limits&) = default;
+  };
+
+  explicit NameAddressAssociations(Limits limits);
+  NameAddressAssociations(const NameAddressAssociations&) = delete;
+  NameAddressAssociations& operator=(const NameAddressAssociations&) = delete;
+
+  /// Remembers that `name`, in any letter case, was seen going to `address`. Constant time plus one
+  /// pass over the address's names, in a full table too; allocates only for a name that is new
+  /// there.
+  void record(std::string_view name, const FlowAddress& address, core::Date now);
+
+  /// The names seen at `address` less than `lifetime` before `now`, in stored order: oldest first
+  /// as long as the clock only goes forward.
+  [[nodiscard]] std::vector<std::string> names(const FlowAddress& address, core::Date now) const;
+  /// The same names without a copy: calls `visitor(std::string_view)` for each.
+  template <class Visitor>
+  void visitNames(const FlowAddress& address, core::Date now, Visitor&& visitor) const {
+    if (entries_.empty()) return;
+    const auto found = entries_.find(address);
+    if (found == entries_.end()) return;
+    for (const Observation& observation : found->second.names) {
+      if (isFresh(observation.observedAt, now)) visitor(std::string_view(observation.name));
+    }
+  }
+
+  /// Addresses held, stale ones included: those leave when a limit is exceeded.
+  [[nodiscard]] std::size_t count() const noexcept { return entries_.size(); }
+
+  void removeAll() noexcept;
+
+ private:
+  struct Observation {
+    std::string name;
+    core::Date observedAt;
+  };
+
+  /// `earlier` and `later` chain all entries by `lastObservedAt`, equal ones in order of recording.
+  struct Entry {
+    std::vector<Observation> names;
+    core::Date lastObservedAt;
+    const FlowAddress* address = nullptr;
+    Entry* earlier = nullptr;
+    Entry* later = nullptr;
+  };
+
+  /// Keyed, because whoever owns a range of addresses could otherwise choose them to share a
+  /// bucket.
+  struct KeyedHash {
+    std::array<std::uint64_t, 12> key;
+    std::size_t operator()(const FlowAddress& address) const noexcept;
+  };
+
+  [[nodiscard]] bool isFresh(core::Date observedAt, core::Date now) const noexcept {
+    return now - observedAt < limits_.lifetime;
+  }
+  void observe(Entry& entry, std::string_view lowercasedName, core::Date now);
+  /// Removes what has to go so that one more address fits, if it does: false if not.
+  [[nodiscard]] bool makeRoom(core::Date now);
+  void link(Entry& entry) noexcept;
+  void unlink(Entry& entry) noexcept;
+
+  Limits limits_;
+  std::unordered_map<FlowAddress, Entry, KeyedHash> entries_;
+  Entry* earliest_ = nullptr;
+  /// Where the last entry was linked in: the next one belongs beside it, also in the time after a
+  /// clock that went back, when the latest entries lie in the future.
+  Entry* recent_ = nullptr;
+  std::string lowercased_;  ///< kept for its memory
+};
+
+}  // namespace stillow::filtering
