@@ -10,8 +10,8 @@
 
 namespace stillow::concurrency {
 
-/// Threads for system work that blocks: file writes with fsync, reading a peer's executable. Such work
-/// never runs on the shared executor, where it would hold up others.
+/// Threads for system work that blocks: file writes with fsync, reading a peer's executable. Such
+/// work never runs on the shared executor, where it would hold up others.
 class BlockingExecutor {
  public:
   virtual ~BlockingExecutor() = default;

@@ -9,8 +9,8 @@
 
 namespace stillow::concurrency {
 
-/// Says once, to everybody who shares it, that work is no longer wanted. Copies share the state. Any
-/// thread may call any operation.
+/// Says once, to everybody who shares it, that work is no longer wanted. Copies share the state.
+/// Any thread may call any operation.
 class Cancellation {
   struct State {
     std::mutex mutex;
@@ -38,8 +38,8 @@ class Cancellation {
     for (const auto& [id, callback] : callbacks) callback();
   }
 
-  /// Undone when it goes out of scope; the callback may then still be running on another thread, so it
-  /// owns what it touches.
+  /// Undone when it goes out of scope; the callback may then still be running on another thread, so
+  /// it owns what it touches.
   class [[nodiscard]] Registration {
    public:
     Registration(Registration&&) noexcept = default;

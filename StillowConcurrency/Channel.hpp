@@ -13,7 +13,8 @@
 namespace stillow::concurrency {
 
 /// A stream of values for one reader that keeps only the newest `capacity` undelivered ones: a slow
-/// reader loses the oldest, never the newest. Copies share the stream; any thread may give and finish.
+/// reader loses the oldest, never the newest. Copies share the stream; any thread may give and
+/// finish.
 template <class T>
 class Channel {
  public:

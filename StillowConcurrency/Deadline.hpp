@@ -29,8 +29,8 @@ Task<void> settleWhenElapsed(std::shared_ptr<Sleeper> sleeper, std::chrono::nano
 
 }  // namespace deadline
 
-/// The result of `task`, or none if it is not there within `limit`. The task is not stopped: it runs to
-/// its own end and its result is dropped, so everything it touches must be its own.
+/// The result of `task`, or none if it is not there within `limit`. The task is not stopped: it
+/// runs to its own end and its result is dropped, so everything it touches must be its own.
 template <class T>
 [[nodiscard]] Task<std::optional<T>> within(std::chrono::nanoseconds limit,
                                             std::shared_ptr<Sleeper> sleeper, Task<T> task) {

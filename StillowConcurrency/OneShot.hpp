@@ -1,23 +1,25 @@
 #pragma once
 
-#include <boost/asio/associated_executor.hpp>
-#include <boost/asio/async_result.hpp>
-#include <boost/asio/post.hpp>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <utility>
 
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/post.hpp>
+
 #include "StillowConcurrency/Task.hpp"
 #include "StillowCore/Invariant.hpp"
 
 namespace stillow::concurrency {
 
-/// One value that is waited for by at most one task. The first `settle` wins; later ones are ignored.
+/// One value that is waited for by at most one task. The first `settle` wins; later ones are
+/// ignored.
 ///
-/// Copies share the value. `settle` may be called from any thread, before or after the wait began; the
-/// waiter is resumed through its own executor, never inside `settle`.
+/// Copies share the value. `settle` may be called from any thread, before or after the wait began;
+/// the waiter is resumed through its own executor, never inside `settle`.
 template <class T>
 class OneShot {
  public:

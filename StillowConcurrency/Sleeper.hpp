@@ -9,8 +9,8 @@ namespace stillow::concurrency {
 
 enum class SleepOutcome : bool { cancelled, elapsed };
 
-/// Waiting, as something that can be handed in. The clock counts time asleep, so a sleep is over when
-/// its moment has passed, whether or not the machine was awake.
+/// Waiting, as something that can be handed in. The clock counts time asleep, so a sleep is over
+/// when its moment has passed, whether or not the machine was awake.
 class Sleeper {
  public:
   virtual ~Sleeper() = default;
@@ -29,7 +29,8 @@ class Sleeper {
   constexpr double limit = 9.2e9;
   if (!(seconds > 0)) return std::chrono::nanoseconds(0);
   if (seconds >= limit) return std::chrono::nanoseconds::max();
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(seconds));
 }
 
 }  // namespace stillow::concurrency

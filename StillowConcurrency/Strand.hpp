@@ -1,7 +1,8 @@
 #pragma once
 
-#include <boost/asio/strand.hpp>
 #include <utility>
+
+#include <boost/asio/strand.hpp>
 
 #include "StillowConcurrency/Task.hpp"
 
@@ -9,8 +10,8 @@ namespace stillow::concurrency {
 
 /// The strand of a serialised object. Each public operation of such an object is
 /// `co_return co_await serial_.run(body(...))`: the body runs on the strand, so the object's state
-/// needs no lock. While a body is suspended other operations of the object may run; look again after
-/// each `co_await`.
+/// needs no lock. While a body is suspended other operations of the object may run; look again
+/// after each `co_await`.
 class Strand {
  public:
   explicit Strand(const Executor& executor) : strand_(boost::asio::make_strand(executor)) {}

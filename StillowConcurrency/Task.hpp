@@ -1,28 +1,29 @@
 #pragma once
 
+#include <exception>
+#include <utility>
+
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <exception>
-#include <utility>
 
 #include "StillowCore/Invariant.hpp"
 
 namespace stillow::concurrency {
 
-/// An asynchronous operation. It starts when it is awaited or spawned, and it never throws: failures
-/// are values.
+/// An asynchronous operation. It starts when it is awaited or spawned, and it never throws:
+/// failures are values.
 template <class T>
 using Task = boost::asio::awaitable<T>;
 
 /// Where ready work runs: the shared pool in the daemon, a seeded single thread in tests.
 using Executor = boost::asio::any_io_executor;
 
-/// Starts `task` on `executor` and lets go of it. What it refers to must live as long as it does, so
-/// give it a coroutine whose parameters are values and whose owner is held weakly.
+/// Starts `task` on `executor` and lets go of it. What it refers to must live as long as it does,
+/// so give it a coroutine whose parameters are values and whose owner is held weakly.
 ///
 /// A task that is never resumed again is destroyed with whatever it waits for.
 inline void spawn(const Executor& executor, Task<void> task) {

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <boost/asio/thread_pool.hpp>
 #include <cstddef>
+
+#include <boost/asio/thread_pool.hpp>
 
 #include "StillowConcurrency/BlockingExecutor.hpp"
 

@@ -10,8 +10,8 @@
 
 namespace stillow::concurrency {
 
-/// Lets one task at a time into a unit of work that suspends, in order of arrival. A strand alone would
-/// let others in at each suspension.
+/// Lets one task at a time into a unit of work that suspends, in order of arrival. A strand alone
+/// would let others in at each suspension.
 ///
 /// No task may wait for a turn while it holds one of the same object: it would wait for itself.
 class Turn {

@@ -16,7 +16,8 @@ struct ExtensionRuling {
   /// The proposed end lies past activation + 24 h, which is the payload.
   struct exceedsOriginalBoundary {
     Date latestPermittedEndTime;
-    friend bool operator==(const exceedsOriginalBoundary&, const exceedsOriginalBoundary&) = default;
+    friend bool operator==(const exceedsOriginalBoundary&,
+                           const exceedsOriginalBoundary&) = default;
   };
   struct permitted {
     friend bool operator==(const permitted&, const permitted&) = default;

@@ -14,18 +14,25 @@ using Kind = JSONDocument::Kind;
 
 std::string_view foundName(Kind kind) noexcept {
   switch (kind) {
-    case Kind::null: return "null";
-    case Kind::boolean: return "bool";
-    case Kind::number: return "number";
-    case Kind::string: return "a string";
-    case Kind::array: return "an array";
-    case Kind::object: return "a dictionary";
+    case Kind::null:
+      return "null";
+    case Kind::boolean:
+      return "bool";
+    case Kind::number:
+      return "number";
+    case Kind::string:
+      return "a string";
+    case Kind::array:
+      return "an array";
+    case Kind::object:
+      return "a dictionary";
   }
   return "null";
 }
 
 DecodingError nullValue(std::string_view what) {
-  return {DecodingError::Kind::valueNotFound, {}, std::string(what) + " -- found null value instead"};
+  return {
+      DecodingError::Kind::valueNotFound, {}, std::string(what) + " -- found null value instead"};
 }
 
 }  // namespace
@@ -51,7 +58,8 @@ std::uint32_t Reader::member(std::uint32_t object, std::string_view name) const 
 
 DecodingError Reader::wrongType(std::uint32_t index, std::string_view expected) const {
   const Kind found = document_.node(index).kind;
-  return {DecodingError::Kind::typeMismatch, {},
+  return {DecodingError::Kind::typeMismatch,
+          {},
           "Expected to decode " + std::string(expected) + " but found " +
               std::string(foundName(found)) + " instead."};
 }
@@ -66,7 +74,8 @@ std::expected<void, DecodingError> Reader::expectObject(std::uint32_t index) con
 std::expected<void, DecodingError> Reader::expectArray(std::uint32_t index) const {
   const Kind kind = document_.node(index).kind;
   if (kind == Kind::array) return {};
-  if (kind == Kind::null) return std::unexpected(nullValue("Cannot get unkeyed decoding container"));
+  if (kind == Kind::null)
+    return std::unexpected(nullValue("Cannot get unkeyed decoding container"));
   return std::unexpected(wrongType(index, "Array<Any>"));
 }
 
@@ -106,8 +115,8 @@ void Writer::writeDouble(double value) {
   if (json::appendDouble(text, value)) return;
   text += "null";
   if (!error) {
-    error = EncodingError{"Unable to encode Double." + json::description(value) +
-                          " directly in JSON."};
+    error =
+        EncodingError{"Unable to encode Double." + json::description(value) + " directly in JSON."};
   }
 }
 

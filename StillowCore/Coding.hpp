@@ -18,8 +18,8 @@
 #include "StillowCore/JSONText.hpp"
 #include "StillowCore/SumType.hpp"
 
-/// JSON coding is declared, not programmed: one specialisation of `Coding` per type describes it, and
-/// both directions follow from the description.
+/// JSON coding is declared, not programmed: one specialisation of `Coding` per type describes it,
+/// and both directions follow from the description.
 ///
 ///   record            static constexpr auto fields = fieldsOf(field("name", &T::member), ...);
 ///   sum type          static constexpr auto cases = casesOf(caseOf<T::idle>("idle"), ...);
@@ -28,10 +28,10 @@
 ///                     static const U& (or U) raw(const T&);
 ///                     static std::expected<T, std::string> refine(U);
 ///
-/// The forms: a record is an object in field order whose absent optional fields are left out; unknown
-/// keys are ignored and the first of duplicate keys wins. A case is an object of exactly one key, the
-/// case's name, around the object of its payload; every key counts, unknown ones too. Numbers, strings
-/// and dates look as in JSONText.hpp.
+/// The forms: a record is an object in field order whose absent optional fields are left out;
+/// unknown keys are ignored and the first of duplicate keys wins. A case is an object of exactly
+/// one key, the case's name, around the object of its payload; every key counts, unknown ones too.
+/// Numbers, strings and dates look as in JSONText.hpp.
 namespace stillow::core {
 
 template <class T>
@@ -43,7 +43,8 @@ struct DecodingError {
   enum class Kind : std::uint8_t { dataCorrupted, typeMismatch, valueNotFound, keyNotFound };
 
   Kind kind;
-  std::string path;  ///< of the offending value, such as "collectionSnapshot[3].domain"; empty: the root
+  std::string
+      path;  ///< of the offending value, such as "collectionSnapshot[3].domain"; empty: the root
   std::string description;
 
   friend bool operator==(const DecodingError&, const DecodingError&) = default;

@@ -144,11 +144,11 @@ std::expected<FieldType, DecodingError> Reader::readField(std::uint32_t object,
     return std::unexpected(std::move(wrapped.error()));
   } else {
     if (value == 0) {
-      return std::unexpected(DecodingError{DecodingError::Kind::keyNotFound,
-                                           {},
-                                           "No value associated with key CodingKeys(stringValue: \"" +
-                                               std::string(name) + "\", intValue: nil) (\"" +
-                                               std::string(name) + "\")."});
+      return std::unexpected(DecodingError{
+          DecodingError::Kind::keyNotFound,
+          {},
+          "No value associated with key CodingKeys(stringValue: \"" + std::string(name) +
+              "\", intValue: nil) (\"" + std::string(name) + "\")."});
     }
     auto result = read<FieldType>(value);
     if (!result) prefixPath(result.error(), name);
@@ -159,8 +159,8 @@ std::expected<FieldType, DecodingError> Reader::readField(std::uint32_t object,
 template <class T, class... Fields>
 std::expected<T, DecodingError> Reader::readFields(std::uint32_t object,
                                                    const std::tuple<Fields...>& fields) const {
-  // Values need not be default-constructible, so they are gathered first and the record is built from
-  // all of them at once, in field order, which is the order of its members.
+  // Values need not be default-constructible, so they are gathered first and the record is built
+  // from all of them at once, in field order, which is the order of its members.
   std::tuple<std::optional<typename Fields::Type>...> values;
   std::optional<DecodingError> error;
   const auto readOne = [&]<std::size_t index>() {
@@ -215,8 +215,8 @@ std::expected<T, DecodingError> Reader::readCase(std::uint32_t index) const {
     if (!*result) prefixPath(result->error(), name);
     return true;
   };
-  const bool isKnown = std::apply(
-      [&](const auto&... cases) { return (readIfNamed(cases) || ...); }, Coding<T>::cases);
+  const bool isKnown = std::apply([&](const auto&... cases) { return (readIfNamed(cases) || ...); },
+                                  Coding<T>::cases);
   if (!isKnown) return wrongCount();
   return std::move(*result);
 }

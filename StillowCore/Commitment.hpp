@@ -44,11 +44,11 @@ struct Coding<CommitmentHealth> {
 
 template <>
 struct Coding<Commitment> {
-  static constexpr auto fields = coding::fieldsOf(
-      coding::field("activatedAt", &Commitment::activatedAt),
-      coding::field("scope", &Commitment::scope),
-      coding::field("remainingDuration", &Commitment::remainingDuration),
-      coding::field("health", &Commitment::health));
+  static constexpr auto fields =
+      coding::fieldsOf(coding::field("activatedAt", &Commitment::activatedAt),
+                       coding::field("scope", &Commitment::scope),
+                       coding::field("remainingDuration", &Commitment::remainingDuration),
+                       coding::field("health", &Commitment::health));
 };
 
 }  // namespace stillow::core

@@ -9,8 +9,8 @@ namespace stillow::core {
 namespace {
 
 constexpr double secondsPerDay = 86'400;
-/// 0001-01-01 and 4001-01-01 (plus the rounding of half a second) bound the years that print as four
-/// digits of a common era year.
+/// 0001-01-01 and 4001-01-01 (plus the rounding of half a second) bound the years that print as
+/// four digits of a common era year.
 constexpr double earliest = -63'114'076'800;
 constexpr double latest = 63'113'904'000;
 
@@ -19,7 +19,7 @@ constexpr double latest = 63'113'904'000;
 std::string description(Date date) {
   const double sinceReference = date.secondsSinceReferenceDate;
   // Written so that a NaN ends here too.
-  if (!(sinceReference > earliest && sinceReference <= latest)) return "<description unavailable>";
+  if (!(sinceReference >= earliest && sinceReference <= latest)) return "<description unavailable>";
 
   const double seconds = std::trunc(date.unixSeconds());
   const double dayNumber = std::floor(seconds / secondsPerDay);

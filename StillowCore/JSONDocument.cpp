@@ -1,8 +1,9 @@
 #include "StillowCore/JSONDocument.hpp"
 
+#include <optional>
+
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/src.hpp>
-#include <optional>
 
 namespace stillow::core {
 
@@ -73,11 +74,12 @@ class JSONDocumentBuilder {
   }
   bool addText(Kind kind, Text last) {
     std::string_view text(last.data(), last.size());
-    const bool liesInSource =
-        text.empty() || (std::greater_equal<>{}(text.data(), source.data()) &&
-                         std::less_equal<>{}(text.data() + text.size(), source.data() + source.size()));
+    const bool liesInSource = text.empty() || (std::greater_equal<>{}(text.data(), source.data()) &&
+                                               std::less_equal<>{}(text.data() + text.size(),
+                                                                   source.data() + source.size()));
     if (isGathering_ || !liesInSource) {
-      std::string& owned = document.unescaped_.emplace_back(isGathering_ ? gathered_ : std::string());
+      std::string& owned =
+          document.unescaped_.emplace_back(isGathering_ ? gathered_ : std::string());
       owned.append(text);
       text = owned;
       isGathering_ = false;

@@ -10,25 +10,27 @@
 
 namespace stillow::core {
 
-/// A parsed JSON text: strict RFC 8259 in UTF-8, at most `nestingMax` containers inside one another.
+/// A parsed JSON text: strict RFC 8259 in UTF-8, at most `nestingMax` containers inside one
+/// another.
 ///
-/// Every member is kept, duplicates included and in the order of the text, and every number keeps its
-/// own digits, because the coding rules need both. Views stay valid as long as the document and the
-/// parsed bytes do.
+/// Every member is kept, duplicates included and in the order of the text, and every number keeps
+/// its own digits, because the coding rules need both. Views stay valid as long as the document and
+/// the parsed bytes do.
 class JSONDocument {
  public:
   static constexpr std::size_t nestingMax = 512;
 
   enum class Kind : std::uint8_t { null, boolean, number, string, array, object };
 
-  /// One value. `end` is the index of the first node behind it, so a container's children are walked
-  /// by `child = node(child).end`. In an object each child is preceded by its key's own string node.
+  /// One value. `end` is the index of the first node behind it, so a container's children are
+  /// walked by `child = node(child).end`. In an object each child is preceded by its key's own
+  /// string node.
   struct Node {
     Kind kind;
-    bool truth = false;     ///< of a boolean
-    std::uint32_t end = 0;  ///< one past the last node of this value
+    bool truth = false;       ///< of a boolean
+    std::uint32_t end = 0;    ///< one past the last node of this value
     std::uint32_t count = 0;  ///< elements of an array, members of an object
-    std::string_view text;  ///< a string's characters, a number's digits
+    std::string_view text;    ///< a string's characters, a number's digits
   };
 
   /// Where and why the text is no JSON. `offset` is in bytes.

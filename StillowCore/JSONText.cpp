@@ -31,8 +31,8 @@ bool isPlain(char c) noexcept {
   return static_cast<unsigned char>(c) >= 0x20 && c != '"' && c != '\\' && c != '/';
 }
 
-/// Shortest digits of a finite number other than zero: `digits` without sign or point, and the power of
-/// ten of the first of them.
+/// Shortest digits of a finite number other than zero: `digits` without sign or point, and the
+/// power of ten of the first of them.
 struct Decimal {
   std::array<char, 24> digits{};
   std::size_t count = 0;
@@ -118,8 +118,7 @@ std::expected<std::int64_t, std::string> truncatedDecimal(std::string_view text)
     whole.resize(whole.size() - std::min(whole.size(), static_cast<std::size_t>(-exponent)));
   }
   std::uint64_t magnitude = 0;
-  const auto [end, error] =
-      std::from_chars(whole.data(), whole.data() + whole.size(), magnitude);
+  const auto [end, error] = std::from_chars(whole.data(), whole.data() + whole.size(), magnitude);
   if (error != std::errc() || magnitude > static_cast<std::uint64_t>(INT64_MAX)) {
     return std::unexpected(std::string(notJSON));
   }
@@ -140,14 +139,30 @@ void appendString(std::string& out, std::string_view text) {
     const char c = text.front();
     text.remove_prefix(1);
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '/': out += "\\/"; break;
-      case '\b': out += "\\b"; break;
-      case '\t': out += "\\t"; break;
-      case '\n': out += "\\n"; break;
-      case '\f': out += "\\f"; break;
-      case '\r': out += "\\r"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '/':
+        out += "\\/";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
       default:
         out += "\\u00";
         out += hexDigits[static_cast<unsigned char>(c) >> 4];
@@ -287,10 +302,18 @@ void appendPretty(std::string& out, const JSONDocument& document, std::uint32_t 
   const auto& node = document.node(index);
   const auto newLine = [&](std::size_t depth) { out.append(1, '\n').append(2 * depth, ' '); };
   switch (node.kind) {
-    case Kind::null: out += "null"; return;
-    case Kind::boolean: out += node.truth ? "true" : "false"; return;
-    case Kind::number: out += node.text; return;
-    case Kind::string: appendString(out, node.text); return;
+    case Kind::null:
+      out += "null";
+      return;
+    case Kind::boolean:
+      out += node.truth ? "true" : "false";
+      return;
+    case Kind::number:
+      out += node.text;
+      return;
+    case Kind::string:
+      appendString(out, node.text);
+      return;
     case Kind::array: {
       out += '[';
       if (node.count == 0) out += '\n';
@@ -308,7 +331,8 @@ void appendPretty(std::string& out, const JSONDocument& document, std::uint32_t 
       for (std::uint32_t key = index + 1; key < node.end; key = document.node(key + 1).end) {
         keys.push_back(key);
       }
-      std::ranges::stable_sort(keys, {}, [&](std::uint32_t key) { return document.node(key).text; });
+      std::ranges::stable_sort(keys, {},
+                               [&](std::uint32_t key) { return document.node(key).text; });
       out += '{';
       if (keys.empty()) out += '\n';
       for (const std::uint32_t key : keys) {

@@ -7,11 +7,13 @@
 
 namespace stillow::core {
 
-/// When a Commitment will end if all time from now on counts. Moves later while time does not count.
+/// When a Commitment will end if all time from now on counts. Moves later while time does not
+/// count.
 struct ProjectedEndTime {
   Date date;
 
-  [[nodiscard]] static constexpr ProjectedEndTime after(Date now, double remainingSeconds) noexcept {
+  [[nodiscard]] static constexpr ProjectedEndTime after(Date now,
+                                                        double remainingSeconds) noexcept {
     return {now + remainingSeconds};
   }
   friend constexpr bool operator==(ProjectedEndTime, ProjectedEndTime) noexcept = default;

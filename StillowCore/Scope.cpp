@@ -19,9 +19,9 @@ Scope Scope::resolving(const CommitmentSelection& selection, std::span<const Web
   std::vector<Domain> domains;
   for (const Website& website : websites) {
     const bool isSelected =
-        selectedGroups == nullptr ||
-        std::ranges::any_of(website.groups,
-                            [&](const Group::ID& id) { return selectedGroups->ids.contains(id); });
+        selectedGroups == nullptr || std::ranges::any_of(website.groups, [&](const Group::ID& id) {
+          return selectedGroups->ids.contains(id);
+        });
     if (isSelected) domains.push_back(website.domain);
   }
   return {.generation = 1, .domains = DomainSet::of(std::move(domains))};

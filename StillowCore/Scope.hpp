@@ -19,8 +19,8 @@ enum class ScopeStrengtheningError : std::uint8_t {
   exceedsCapacity,      ///< the union would pass ScopeCapacity; nothing was added
 };
 
-/// The most that a Scope may hold. Without it a user could grow a Scope until the filter, which keeps
-/// all names in memory, is killed for want of it, and with the filter the block.
+/// The most that a Scope may hold. Without it a user could grow a Scope until the filter, which
+/// keeps all names in memory, is killed for want of it, and with the filter the block.
 struct ScopeCapacity {
   static constexpr std::size_t domainsMax = 1'200'000;
   static constexpr std::size_t nameBytesMax = 48U << 20;
@@ -36,7 +36,8 @@ struct Scope {
   /// A Scope of generation 1 with the domains of the selected Websites; may be empty.
   [[nodiscard]] static Scope resolving(const CommitmentSelection& selection,
                                        std::span<const Website> websites);
-  /// This Scope and `additions`, one generation on. Stops the process if the generation is at its end.
+  /// This Scope and `additions`, one generation on. Stops the process if the generation is at its
+  /// end.
   [[nodiscard]] std::expected<Scope, ScopeStrengtheningError> strengthened(
       const DomainSet& additions) const;
   [[nodiscard]] std::expected<Scope, ScopeStrengtheningError> strengthened(

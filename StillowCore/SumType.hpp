@@ -14,7 +14,8 @@ namespace stillow::core {
 template <class T, class Variant>
 struct IsCaseOf : std::false_type {};
 template <class T, class... Cases>
-struct IsCaseOf<T, std::variant<Cases...>> : std::bool_constant<(std::is_same_v<T, Cases> || ...)> {};
+struct IsCaseOf<T, std::variant<Cases...>> : std::bool_constant<(std::is_same_v<T, Cases> || ...)> {
+};
 
 template <class T, class Variant>
 concept CaseOf = IsCaseOf<T, Variant>::value;

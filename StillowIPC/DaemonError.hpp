@@ -17,7 +17,8 @@ namespace stillow::ipc {
 struct DaemonError {
   struct commitmentAlreadyActive {
     ActiveCommitmentStatus active;
-    friend bool operator==(const commitmentAlreadyActive&, const commitmentAlreadyActive&) = default;
+    friend bool operator==(const commitmentAlreadyActive&,
+                           const commitmentAlreadyActive&) = default;
   };
   struct noActiveCommitment {
     friend bool operator==(const noActiveCommitment&, const noActiveCommitment&) = default;
@@ -41,7 +42,8 @@ struct DaemonError {
   };
   struct enforcementNotValidated {
     ActivationValidationRefusal refusal;
-    friend bool operator==(const enforcementNotValidated&, const enforcementNotValidated&) = default;
+    friend bool operator==(const enforcementNotValidated&,
+                           const enforcementNotValidated&) = default;
   };
   struct malformedRequest {
     std::string detail;  ///< the name of the record that did not decode

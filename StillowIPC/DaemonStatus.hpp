@@ -105,9 +105,9 @@ struct stillow::core::Coding<stillow::ipc::CommitmentStatus> {
 template <>
 struct stillow::core::Coding<stillow::ipc::DaemonStatus> {
   using Status = ipc::DaemonStatus;
-  static constexpr auto fields = coding::fieldsOf(
-      coding::field("observedAt", &Status::observedAt),
-      coding::field("commitment", &Status::commitment),
-      coding::field("enforcement", &Status::enforcement),
-      coding::field("readiness", &Status::readiness));
+  static constexpr auto fields =
+      coding::fieldsOf(coding::field("observedAt", &Status::observedAt),
+                       coding::field("commitment", &Status::commitment),
+                       coding::field("enforcement", &Status::enforcement),
+                       coding::field("readiness", &Status::readiness));
 };

@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
+#include <string>
+#include <vector>
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_future.hpp>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "StillowConcurrency/Channel.hpp"
 #include "StillowConcurrency/Deadline.hpp"
@@ -130,7 +130,6 @@ TEST(Strand, runsBodiesAndReturnsTheirResults) {
   EXPECT_EQ(world.run(counter.increment()), 2);
 }
 
-
 TEST(DeterministicExecutor, repeatsARunFromItsSeedAndVariesWithIt) {
   const auto runOnce = [](std::uint64_t seed) {
     DeterministicExecutor world(seed);
@@ -153,9 +152,8 @@ TEST(ThreadBlockingExecutor, runsWorkOffTheExecutorOfTheCaller) {
   for (int i = 0; i < 100; ++i) blocking->submit([&order, i] { order.push_back(i); });
   boost::asio::thread_pool pool(1);
   auto done = boost::asio::co_spawn(
-      pool, runBlocking(std::shared_ptr<BlockingExecutor>(blocking), [&order] {
-        return order.size();
-      }),
+      pool,
+      runBlocking(std::shared_ptr<BlockingExecutor>(blocking), [&order] { return order.size(); }),
       boost::asio::use_future);
   EXPECT_EQ(done.get(), 100U);
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <boost/asio/execution.hpp>
-#include <boost/asio/execution_context.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -13,14 +11,18 @@
 #include <utility>
 #include <vector>
 
+#include <boost/asio/execution.hpp>
+#include <boost/asio/execution_context.hpp>
+
 #include "StillowConcurrency/BlockingExecutor.hpp"
 #include "StillowConcurrency/Sleeper.hpp"
 #include "StillowConcurrency/Task.hpp"
 
 namespace stillow::test {
 
-/// One thread, virtual time, and a seed that decides which ready piece of work runs next. The same seed
-/// gives the same run. Nothing here is thread-safe: everything happens on the test's own thread.
+/// One thread, virtual time, and a seed that decides which ready piece of work runs next. The same
+/// seed gives the same run. Nothing here is thread-safe: everything happens on the test's own
+/// thread.
 class DeterministicExecutor : public boost::asio::execution_context {
  public:
   explicit DeterministicExecutor(std::uint64_t seed = 0) : random_(seed) {}
@@ -36,7 +38,8 @@ class DeterministicExecutor : public boost::asio::execution_context {
 
   /// Runs one ready piece of work; false if none was ready.
   bool step();
-  /// Runs until nothing is ready. Gives up, failing the process, after `stepsMax` steps: a busy loop.
+  /// Runs until nothing is ready. Gives up, failing the process, after `stepsMax` steps: a busy
+  /// loop.
   void runReady(std::size_t stepsMax = 1'000'000);
   /// Moves time forward, waking each sleeper at its own moment, and runs what becomes ready.
   void advance(std::chrono::nanoseconds duration);
