@@ -1,0 +1,40 @@
+#include "StillowCore/ResourceBundle.hpp"
+
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include "StillowCore/Invariant.hpp"
+
+namespace stillow::core {
+
+ResourceBundle ResourceBundle::named(std::string_view name) {
+  return named(name, platform::executableDirectory());
+}
+
+ResourceBundle ResourceBundle::named(std::string_view name,
+                                     const std::filesystem::path& executableDirectory) {
+  const std::string directoryName = std::string(name) + ".bundle";
+  for (const auto& parent :
+       {executableDirectory, executableDirectory.parent_path() / "share" / "stillow"}) {
+    std::error_code ignored;  // What cannot be looked at is not there.
+    if (auto directory = parent / directoryName;
+        std::filesystem::is_directory(directory, ignored)) {
+      return ResourceBundle(std::move(directory));
+    }
+  }
+  stopProcess("unable to find bundle named " + std::string(name));
+}
+
+std::optional<std::string> ResourceBundle::contents(std::string_view name,
+                                                    std::string_view extension) const {
+  const auto path = directory_ / (std::string(name) + "." + std::string(extension));
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path, ignored)) return std::nullopt;
+  std::ifstream file(path, std::ios::binary);
+  std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  if (!file) return std::nullopt;
+  return bytes;
+}
+
+}  // namespace stillow::core
