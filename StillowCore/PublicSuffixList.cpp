@@ -89,30 +89,6 @@ class RuleTable {
   std::string text_;
 };
 
-/// Calls `visit` with each line, without its terminator.
-template <class Visit>
-void forEachLine(std::string_view contents, Visit visit) {
-  std::size_t start = 0;
-  for (std::size_t at = 0; at < contents.size();) {
-    const auto next = text::codePointAt(contents, at);
-    std::size_t terminator = 0;
-    if (next.value == '\r' && contents.substr(at + 1).starts_with('\n')) {
-      terminator = 2;
-    } else if (next.value == '\n' || next.value == '\r' || next.value == 0x85 ||
-               next.value == 0x2028 || next.value == 0x2029) {
-      terminator = next.length;
-    }
-    if (terminator == 0) {
-      at += next.length;
-      continue;
-    }
-    visit(contents.substr(start, at - start));
-    at += terminator;
-    start = at;
-  }
-  if (start < contents.size()) visit(contents.substr(start));
-}
-
 void insertWithASCIIForm(PublicSuffixList::RuleSet& rules, std::string_view rule) {
   rules.emplace(rule);
   if (text::isASCII(rule)) return;
@@ -168,9 +144,9 @@ struct PublicSuffixList::Rules {
 
 PublicSuffixList::PublicSuffixList(std::string_view contents) {
   auto rules = std::make_shared<Rules>();
-  forEachLine(contents, [&](std::string_view line) {
+  for (std::string_view line : text::lines(contents)) {
     line = text::trimmingWhitespace(line);
-    if (line.empty() || text::hasPrefix(line, "//")) return;
+    if (line.empty() || text::hasPrefix(line, "//")) continue;
     const std::string lower = text::lowercased(line.substr(0, text::find(line, " ")));
     const std::string_view rule = lower;
     if (text::hasPrefix(rule, "!")) {
@@ -180,7 +156,7 @@ PublicSuffixList::PublicSuffixList(std::string_view contents) {
     } else {
       insertWithASCIIForm(rules->exactRules, rule);
     }
-  });
+  }
 
   const std::pair<const RuleSet&, Kind> sets[]{{rules->exactRules, exact},
                                                {rules->wildcardParents, wildcardParent},

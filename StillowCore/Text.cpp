@@ -1,8 +1,5 @@
 #include "StillowCore/Text.hpp"
 
-#include <algorithm>
-#include <array>
-
 namespace stillow::core::text {
 
 namespace {
@@ -23,9 +20,15 @@ constexpr bool isBlank(char32_t codePoint) noexcept {
          codePoint == 0x205F || codePoint == 0x3000;
 }
 
-constexpr bool isLineEnd(char32_t codePoint) noexcept {
-  return (codePoint >= 0x0A && codePoint <= 0x0D) || codePoint == 0x85 || codePoint == 0x2028 ||
+/// What ends a line when a text is read line by line.
+constexpr bool isLineTerminator(char32_t codePoint) noexcept {
+  return codePoint == 0x0A || codePoint == 0x0D || codePoint == 0x85 || codePoint == 0x2028 ||
          codePoint == 0x2029;
+}
+
+/// What the platform's set of newlines holds: the tabulations of lines and pages as well.
+constexpr bool isNewline(char32_t codePoint) noexcept {
+  return isLineTerminator(codePoint) || codePoint == 0x0B || codePoint == 0x0C;
 }
 
 template <class Predicate>
@@ -169,11 +172,34 @@ std::string lowercased(std::string_view text) {
 }
 
 std::string_view trimmingWhitespaceAndNewlines(std::string_view text) noexcept {
-  return trimming(text, [](char32_t c) { return isBlank(c) || isLineEnd(c); });
+  return trimming(text, [](char32_t c) { return isBlank(c) || isNewline(c); });
 }
 
 std::string_view trimmingWhitespace(std::string_view text) noexcept {
   return trimming(text, isBlank);
+}
+
+std::vector<std::string_view> lines(std::string_view text) {
+  std::vector<std::string_view> found;
+  std::size_t start = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const auto next = codePointAt(text, at);
+    std::size_t terminator = 0;
+    if (next.value == '\r' && text.substr(at + 1).starts_with('\n')) {
+      terminator = 2;
+    } else if (isLineTerminator(next.value)) {
+      terminator = next.length;
+    }
+    if (terminator == 0) {
+      at += next.length;
+      continue;
+    }
+    found.push_back(text.substr(start, at - start));
+    at += terminator;
+    start = at;
+  }
+  if (start < text.size()) found.push_back(text.substr(start));
+  return found;
 }
 
 bool areCanonicallyEqual(std::string_view left, std::string_view right) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 /// Text rules that depend on Unicode data. All text is UTF-8.
 ///
@@ -62,6 +63,10 @@ void appendUTF8(std::string& out, char32_t codePoint);
 [[nodiscard]] std::string_view trimmingWhitespaceAndNewlines(std::string_view text) noexcept;
 /// Likewise without line ends: only the blanks.
 [[nodiscard]] std::string_view trimmingWhitespace(std::string_view text) noexcept;
+
+/// The lines, without what ends them: LF, CR, CR LF, U+0085, U+2028 or U+2029. Nothing follows the
+/// last of those when the text ends there. The views are into `text`.
+[[nodiscard]] std::vector<std::string_view> lines(std::string_view text);
 
 /// Canonical equivalence (UAX #15): é equals e followed by U+0301. Case and compatibility forms
 /// differ.
