@@ -123,6 +123,8 @@ class CommitmentAuthority final : public ValidationRecording,
   static concurrency::Task<StatusResult> resolveAndStrengthen(Self self,
                                                               ipc::ScopeAddition addition);
   static concurrency::Task<ipc::DaemonStatus> answerStatus(Self self, bool publishing);
+  static concurrency::Task<void> applyValidation(Self self, core::EnforcementValidation validation,
+                                                 core::Date obtainedAt);
   static concurrency::Task<ipc::DaemonStatus> applyFilterConfiguration(Self self, bool isEnabled,
                                                                        bool publishing);
   static concurrency::Task<std::optional<ipc::ActivationValidationRefusal>> judgeValidation(
@@ -145,7 +147,6 @@ class CommitmentAuthority final : public ValidationRecording,
   concurrency::Task<bool> writeCheckpoint(core::Date now);
   concurrency::Task<void> save(core::Date now);
   concurrency::Task<void> tellObservers(StatusPointer status);
-  void adopt(CommitmentStateRecovery recovered);
 
   concurrency::Executor executor_;
   concurrency::Strand serial_;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "StillowAuthority/CommitmentAuthority.hpp"
 #include "StillowAuthority/MonotonicTimeSource.hpp"
@@ -71,11 +72,35 @@ class CommitmentClock final : public RunningTimeSampling,
   [[nodiscard]] concurrency::Task<void> sampleNow() override;
 
  private:
-  struct Reading;
-  class Run;
+  using Self = std::shared_ptr<CommitmentClock>;
+  /// What ends when the clock stops.
+  struct Loops {
+    concurrency::Cancellation ticking;
+    concurrency::Channel<ProjectionInvalidation> invalidations;
+  };
+  struct Reading {
+    double seconds;      ///< monotonic
+    double clockOffset;  ///< seconds by which the wall clock is ahead of that
+  };
 
-  CommitmentClock(concurrency::Executor executor, std::shared_ptr<CommitmentAuthority> authority,
-                  Time time, Cadence cadence);
+  CommitmentClock(const concurrency::Executor& executor,
+                  std::shared_ptr<CommitmentAuthority> authority, Time time, Cadence cadence);
+
+  static concurrency::Task<void> begin(Self self);
+  static concurrency::Task<void> end(Self self);
+  static concurrency::Task<void> tick(std::weak_ptr<CommitmentClock> weak,
+                                      std::shared_ptr<concurrency::Sleeper> sleeper,
+                                      std::chrono::nanoseconds interval,
+                                      concurrency::Cancellation cancellation,
+                                      std::int64_t generation);
+  static concurrency::Task<void> follow(std::weak_ptr<CommitmentClock> weak,
+                                        concurrency::Channel<ProjectionInvalidation> invalidations,
+                                        std::int64_t generation);
+  static concurrency::Task<void> sample(Self self, std::optional<std::int64_t> generation);
+  static concurrency::Task<void> acceptClockChange(Self self, std::int64_t generation);
+
+  [[nodiscard]] Reading read() const;
+  concurrency::Task<void> charge(double elapsed, bool isPublishing, std::int64_t generation);
 
   concurrency::Executor executor_;
   concurrency::Strand serial_;
@@ -84,10 +109,13 @@ class CommitmentClock final : public RunningTimeSampling,
   Time time_;
   Cadence cadence_;
 
+  // Touched on the strand only.
   double unrecordedConsumption_ = 0;
   std::optional<double> lastReading_;
   std::optional<double> lastClockOffset_;
   bool wasActiveAtLastSample_ = false;
+  std::optional<Loops> loops_;  ///< absent: stopped
+  /// Raised by each stop; whoever was suspended across one finds that its sample no longer counts.
   std::int64_t generation_ = 0;
 };
 
