@@ -1,8 +1,34 @@
 #include "StillowIPC/DaemonError.hpp"
 
 #include "StillowCore/JSONText.hpp"
+#include "StillowIPC/DaemonWireCoding.hpp"
 
 namespace stillow::ipc {
+
+DaemonError DaemonError::from(const PlatformError& error) {
+  if (auto inside = decoded(error)) return std::move(*inside);
+  if (error.domain == PlatformError::cocoaDomain ||
+      error.domain == PlatformError::connectionDomain) {
+    return daemonUnavailable{error.description};
+  }
+  return internalFailure{error.description};
+}
+
+std::optional<DaemonError> DaemonError::decoded(const PlatformError& error) {
+  if (error.domain != PlatformError::daemonErrorDomain || !error.payload) return std::nullopt;
+  auto inside = DaemonWireCoding::decode<DaemonError>(*error.payload);
+  if (!inside) return std::nullopt;
+  return std::move(*inside);
+}
+
+PlatformError DaemonError::platformError() const {
+  PlatformError error{.domain = std::string(PlatformError::daemonErrorDomain),
+                      .code = PlatformError::daemonErrorCode,
+                      .description = description(*this),
+                      .payload = std::nullopt};
+  if (auto payload = DaemonWireCoding::encode(*this)) error.payload = std::move(*payload);
+  return error;
+}
 
 std::string description(const ActivationValidationRefusal& refusal) {
   using Refusal = ActivationValidationRefusal;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
@@ -9,6 +10,7 @@
 #include "StillowCore/ProjectedEndTime.hpp"
 #include "StillowIPC/DaemonStatus.hpp"
 #include "StillowIPC/EnforcementReadinessReport.hpp"
+#include "StillowIPC/PlatformError.hpp"
 
 namespace stillow::ipc {
 
@@ -76,6 +78,18 @@ struct DaemonError {
 
   template <core::CaseOf<Cases> Case>
   DaemonError(Case error) : cases(std::move(error)) {}
+
+  /// What a client makes of any error it meets: the `DaemonError` inside; else `daemonUnavailable`
+  /// for errors of the connection and `internalFailure` for all others, with the error's own words.
+  [[nodiscard]] static DaemonError from(const PlatformError& error);
+
+  /// The `DaemonError` inside; none unless the domain is ours and a payload decodes.
+  [[nodiscard]] static std::optional<DaemonError> decoded(const PlatformError& error);
+
+  /// The form in which this error travels. An error that does not encode loses its payload and
+  /// keeps its words.
+  [[nodiscard]] PlatformError platformError() const;
+
   friend bool operator==(const DaemonError&, const DaemonError&) = default;
 };
 
