@@ -44,6 +44,7 @@ class QUICInitialCrypto {
   QUICInitialCrypto();
 
   /// The keys for what a client sends after a first Initial with this destination connection id.
+  /// None for an empty one: no client begins with that.
   [[nodiscard]] std::optional<QUICInitialKeys> deriveClientKeys(
       QUICVersion version, WireBytes destinationConnectionID) noexcept;
 
