@@ -8,8 +8,8 @@
 namespace stillow::platform {
 namespace {
 
-SHA256Digest digestNumber(unsigned char number) {
-  SHA256Digest digest{};
+core::SHA256Digest digestNumber(unsigned char number) {
+  core::SHA256Digest digest{};
   digest[0] = number;
   return digest;
 }

@@ -7,8 +7,6 @@
 namespace stillow::platform {
 namespace {
 
-constexpr std::string_view hexadecimalDigits = "0123456789abcdef";
-
 bool isIdentifierCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
          c == '-';
@@ -23,13 +21,14 @@ std::optional<std::string_view> takeLine(std::string_view& text, std::string_vie
   return value;
 }
 
-std::optional<SHA256Digest> parseDigest(std::string_view digits) {
-  SHA256Digest digest{};
+std::optional<core::SHA256Digest> parseDigest(std::string_view digits) {
+  constexpr std::string_view hexadecimalDigits = "0123456789abcdef";
+  core::SHA256Digest digest{};
   if (digits.size() != 2 * digest.size()) return {};
   for (std::size_t i = 0; i < digits.size(); ++i) {
     const auto value = hexadecimalDigits.find(digits[i]);
     if (value == std::string_view::npos) return {};
-    digest[i / 2] = static_cast<unsigned char>(digest[i / 2] << 4 | value);
+    digest[i / 2] = static_cast<std::uint8_t>(digest[i / 2] * 16U + value);
   }
   return digest;
 }
@@ -56,14 +55,8 @@ std::optional<CodeStatement> CodeStatement::parse(std::string_view text) {
 }
 
 std::string CodeStatement::text() const {
-  std::string text = "stillow code statement 1\nidentifier " + identifier + "\nsize " +
-                     std::to_string(size) + "\nsha256 ";
-  for (const auto byte : sha256) {
-    text += hexadecimalDigits[byte >> 4];
-    text += hexadecimalDigits[byte & 15];
-  }
-  text += '\n';
-  return text;
+  return "stillow code statement 1\nidentifier " + identifier + "\nsize " + std::to_string(size) +
+         "\nsha256 " + core::hexadecimal(sha256) + "\n";
 }
 
 }  // namespace stillow::platform

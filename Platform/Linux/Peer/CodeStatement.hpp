@@ -1,14 +1,13 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace stillow::platform {
+#include "StillowCore/SHA256.hpp"
 
-using SHA256Digest = std::array<unsigned char, 32>;
+namespace stillow::platform {
 
 /// What a signature says: "the executable of this size and digest is `identifier`".
 ///
@@ -24,7 +23,7 @@ struct CodeStatement {
   /// Bytes of the executable. Signed too, so that a stranger's huge file beside a copied signature
   /// is refused without reading it.
   std::uint64_t size = 0;
-  SHA256Digest sha256{};
+  core::SHA256Digest sha256{};
 
   [[nodiscard]] static std::optional<CodeStatement> parse(std::string_view text);
   [[nodiscard]] std::string text() const;

@@ -15,7 +15,7 @@ bool FileVersion::isSettled(core::Date now) const noexcept {
   return now.unixSeconds() - static_cast<double>(changedSeconds) > settledAfterSeconds;
 }
 
-std::optional<SHA256Digest> FileDigestCache::find(const FileVersion& version) {
+std::optional<core::SHA256Digest> FileDigestCache::find(const FileVersion& version) {
   const std::lock_guard guard(lock_);
   const auto found = std::ranges::find(entries_, version, &Entry::version);
   if (found == entries_.end()) return {};
@@ -23,7 +23,7 @@ std::optional<SHA256Digest> FileDigestCache::find(const FileVersion& version) {
   return found->digest;
 }
 
-void FileDigestCache::store(const FileVersion& version, const SHA256Digest& digest) {
+void FileDigestCache::store(const FileVersion& version, const core::SHA256Digest& digest) {
   const std::lock_guard guard(lock_);
   const auto found = std::ranges::find(entries_, version, &Entry::version);
   if (found != entries_.end()) {

@@ -38,14 +38,14 @@ class FileDigestCache {
   /// Our programs are three; the rest is for their builds and copies.
   static constexpr std::size_t entriesMax = 64;
 
-  [[nodiscard]] std::optional<SHA256Digest> find(const FileVersion& version);
+  [[nodiscard]] std::optional<core::SHA256Digest> find(const FileVersion& version);
   /// The least recently found or stored entry goes when there is no room.
-  void store(const FileVersion& version, const SHA256Digest& digest);
+  void store(const FileVersion& version, const core::SHA256Digest& digest);
 
  private:
   struct Entry {
     FileVersion version;
-    SHA256Digest digest;
+    core::SHA256Digest digest;
   };
 
   std::mutex lock_;

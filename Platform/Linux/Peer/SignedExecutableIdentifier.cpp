@@ -17,8 +17,8 @@ namespace {
 
 /// Reads `size` bytes from the start of `file`. Not by mapping them: a file that is cut short
 /// meanwhile would then end this process.
-std::expected<SHA256Digest, std::string> readDigest(const FileDescriptor& file,
-                                                    std::uint64_t size) {
+std::expected<core::SHA256Digest, std::string> readDigest(const FileDescriptor& file,
+                                                          std::uint64_t size) {
   constexpr std::size_t pieceBytes = 256 * 1024;
   struct ContextFreeing {
     void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
@@ -35,7 +35,7 @@ std::expected<SHA256Digest, std::string> readDigest(const FileDescriptor& file,
     isWell = EVP_DigestUpdate(context.get(), piece.data(), static_cast<std::size_t>(count)) == 1;
     offset += static_cast<std::uint64_t>(count);
   }
-  SHA256Digest digest{};
+  core::SHA256Digest digest{};
   isWell = isWell && EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) == 1;
   if (!isWell) return std::unexpected("could not be digested");
   return digest;
@@ -90,7 +90,7 @@ std::expected<ipc::CodeIdentity, std::string> SignedExecutableIdentifier::identi
                            /*anchorIsTrusted=*/true};
 }
 
-std::expected<SHA256Digest, std::string> SignedExecutableIdentifier::digestOf(
+std::expected<core::SHA256Digest, std::string> SignedExecutableIdentifier::digestOf(
     const FileDescriptor& file, const FileVersion& version) {
   if (const auto remembered = digests_.find(version)) return *remembered;
   // Judged by the moment before the first byte is read: a change after that moment shows.

@@ -35,8 +35,8 @@ class SignedExecutableIdentifier {
   [[nodiscard]] std::size_t executablesRead() const noexcept { return executablesRead_; }
 
  private:
-  std::expected<SHA256Digest, std::string> digestOf(const FileDescriptor& file,
-                                                    const FileVersion& version);
+  std::expected<core::SHA256Digest, std::string> digestOf(const FileDescriptor& file,
+                                                          const FileVersion& version);
 
   const std::expected<CodeSigningAnchor, std::string> anchor_;
   const core::WallClock now_;
