@@ -69,7 +69,9 @@ class DurableFile {
   [[nodiscard]] std::expected<void, FileError> replace(std::string_view bytes);
 
  private:
-  std::expected<void, FileError> createDirectory();
+  static constexpr int remnantsMax = 100;
+
+  std::expected<void, FileError> makeDirectory();
   void removeRemnants();
 
   FileSystem* fileSystem_;

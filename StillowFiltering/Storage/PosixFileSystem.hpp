@@ -21,6 +21,9 @@ class PosixFileSystem : public FileSystem {
   std::expected<std::vector<std::string>, std::error_code> names(
       const std::string& directory) override;
 
+ private:
+  class File;
+
  protected:
   /// `fsync` is all that POSIX has. A system on which that stops at the drive's own cache overrides
   /// this with the call that does not. Sets errno and returns -1 on failure, as `fsync` does.
