@@ -38,10 +38,9 @@ class FlowAddress {
   [[nodiscard]] std::size_t size() const noexcept {
     return static_cast<unsigned char>(storage_.back());
   }
-  void append(char character) noexcept;
   void append(std::string_view text) noexcept;
-  void appendDecimal(unsigned value) noexcept;
-  void appendHexadecimal(unsigned value) noexcept;
+  void appendIPv4(std::span<const std::uint8_t, 4> bytes) noexcept;
+  void appendNumber(unsigned value, unsigned base) noexcept;
 
   std::array<char, 48> storage_{};
 };

@@ -61,13 +61,10 @@ class FlowClassifier {
 
   // The caller of these holds `lock_`.
   void dropExpiredProbe(core::Date now);
-  void updateIsEnforcing();
+  /// Forgets the remembered pairs when nothing is blocked any more.
+  void updateIsEnforcing(core::Date now);
   [[nodiscard]] bool matches(std::string_view hostname) const;
   [[nodiscard]] FlowClassification decide(const FlowEvidence& evidence, core::Date now);
-  [[nodiscard]] FlowClassification decideByAddress(const FlowAddress& address,
-                                                   core::Date now) const;
-  [[nodiscard]] FlowClassification unattributed() const;
-  void countEndOfInspection() noexcept;
 
   mutable std::mutex lock_;
   std::shared_ptr<const ScopeIndex> scope_;

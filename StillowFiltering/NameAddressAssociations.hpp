@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -86,17 +87,24 @@ class NameAddressAssociations {
     std::size_t operator()(const FlowAddress& address) const noexcept;
   };
 
+  using Entries = std::unordered_map<FlowAddress, Entry, KeyedHash>;
+
   [[nodiscard]] bool isFresh(core::Date observedAt, core::Date now) const noexcept {
     return now - observedAt < limits_.lifetime;
   }
-  void observe(Entry& entry, std::string_view lowercasedName, core::Date now);
-  /// Removes what has to go so that one more address fits, if it does: false if not.
-  [[nodiscard]] bool makeRoom(core::Date now);
+  /// `name` itself where it is in lower case, else a view of `lowercased_`.
+  [[nodiscard]] std::string_view lowercased(std::string_view name);
+  void observe(std::vector<Observation>& names, std::string_view name, core::Date now) const;
+  void dropNamesOverLimit(std::vector<Observation>& names) const;
+  /// Removes what has to go from a full table so that an entry of `now` fits, and gives the last
+  /// node it removed. None if nothing fits: the limits leave no room for any entry.
+  [[nodiscard]] std::optional<Entries::node_type> makeRoom(core::Date now);
+  Entries::node_type removeEarliest() noexcept;
   void link(Entry& entry) noexcept;
   void unlink(Entry& entry) noexcept;
 
   Limits limits_;
-  std::unordered_map<FlowAddress, Entry, KeyedHash> entries_;
+  Entries entries_;
   Entry* earliest_ = nullptr;
   /// Where the last entry was linked in: the next one belongs beside it, also in the time after a
   /// clock that went back, when the latest entries lie in the future.
