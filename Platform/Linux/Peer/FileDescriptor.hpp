@@ -24,6 +24,8 @@ class FileDescriptor {
   }
 
   [[nodiscard]] int get() const noexcept { return descriptor_; }
+  /// Gives the descriptor to the caller, who closes it from now on.
+  [[nodiscard]] int release() noexcept { return std::exchange(descriptor_, -1); }
   [[nodiscard]] explicit operator bool() const noexcept { return descriptor_ >= 0; }
 
  private:
