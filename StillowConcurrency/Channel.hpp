@@ -53,6 +53,15 @@ class Channel {
     return state_->isFinished;
   }
 
+  /// The next value if it is there already. For the reader.
+  [[nodiscard]] std::optional<T> takeReady() const {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->values.empty()) return std::nullopt;
+    std::optional<T> value(std::move(state_->values.front()));
+    state_->values.pop_front();
+    return value;
+  }
+
   /// The next value; none at the end. One reader at a time.
   [[nodiscard]] Task<std::optional<T>> next() const { return nextFrom(state_); }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+#include <type_traits>
 #include <utility>
 
 #include <boost/asio/strand.hpp>
@@ -20,12 +22,29 @@ class Strand {
   /// keeps the object alive until then.
   template <class T>
   [[nodiscard]] Task<T> run(Task<T> body) const {
-    return boost::asio::co_spawn(strand_, std::move(body), boost::asio::use_awaitable);
+    if constexpr (std::is_void_v<T> || std::is_default_constructible_v<T>) {
+      return boost::asio::co_spawn(strand_, std::move(body), boost::asio::use_awaitable);
+    } else {
+      return runWrapped(strand_, std::move(body));
+    }
   }
 
   [[nodiscard]] Executor executor() const { return strand_; }
 
  private:
+  // Asio makes an empty result to go with an exception, so a type that has none is wrapped.
+  template <class T>
+  static Task<std::optional<T>> wrapping(Task<T> body) {
+    T result = co_await std::move(body);
+    co_return std::optional<T>(std::move(result));
+  }
+  template <class T>
+  static Task<T> runWrapped(boost::asio::strand<Executor> strand, Task<T> body) {
+    std::optional<T> result = co_await boost::asio::co_spawn(strand, wrapping(std::move(body)),
+                                                             boost::asio::use_awaitable);
+    co_return std::move(*result);
+  }
+
   boost::asio::strand<Executor> strand_;
 };
 
