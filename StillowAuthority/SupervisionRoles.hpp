@@ -10,8 +10,8 @@
 #include "StillowCore/SumType.hpp"
 #include "StillowFiltering/EnforcementDirective.hpp"
 
-/// The small interfaces through which the parts of enforcement supervision reach one another. Each has
-/// one production implementation. All operations may be called from any executor.
+/// The small interfaces through which the parts of enforcement supervision reach one another. Each
+/// has one production implementation. All operations may be called from any executor.
 namespace stillow::authority {
 
 /// Receives what went wrong with state, directive or filter.
@@ -19,6 +19,15 @@ class EnforcementFaultReporting {
  public:
   virtual ~EnforcementFaultReporting() = default;
   virtual concurrency::Task<void> reportFault(core::DegradedReason reason) = 0;
+};
+
+/// Told when something that health was waiting for may have come back.
+class EnforcementRecoveryExpediting {
+ public:
+  virtual ~EnforcementRecoveryExpediting() = default;
+  /// The next attempt to recover comes after the first delay at the latest, however far the delays
+  /// have grown. Nothing happens while health is not degraded.
+  virtual concurrency::Task<void> expediteRecovery() = 0;
 };
 
 /// Receives each validation's result with the date it was obtained.
