@@ -1,0 +1,360 @@
+#include "StillowAuthority/DaemonXPCService.hpp"
+
+#include <utility>
+
+#include "StillowIPC/DaemonWireCoding.hpp"
+#include "StillowIPC/Requests.hpp"
+
+namespace stillow::authority {
+
+using concurrency::Task;
+using ipc::DaemonError;
+using ipc::DaemonOperation;
+using ipc::DaemonReply;
+using ipc::SharedBytes;
+
+namespace {
+
+/// From here on a request waits for its turn to be decoded. Decoding less takes no memory worth
+/// counting.
+constexpr std::size_t bigRequestBytes = 64 * 1024;
+
+DaemonError noCurrentConnection() {
+  return DaemonError::internalFailure{"No current XPC connection."};
+}
+
+DaemonReply replyOf(const DaemonError& error) { return DaemonReply::of(error.platformError()); }
+
+template <class Record>
+Task<std::optional<Record>> decode(SharedBytes bytes) {
+  // A request that is missing is as malformed as one that is no JSON.
+  auto record = ipc::DaemonWireCoding::decode<Record>(bytes ? *bytes : std::string());
+  if (!record) co_return std::nullopt;
+  co_return std::move(*record);
+}
+
+}  // namespace
+
+/// A status and its bytes; whoever holds the bytes holds both.
+struct DaemonXPCService::EncodedStatus {
+  StatusPointer status;
+  std::string bytes;
+};
+
+/// What one subscription still has to push: the newest status, and nothing before the subscription
+/// has been answered. Any thread.
+class DaemonXPCService::StatusOutlet {
+ public:
+  explicit StatusOutlet(Connection connection) : connection_(std::move(connection)) {}
+
+  /// Each of these three is true if somebody has to begin delivering now.
+  [[nodiscard]] bool offer(StatusPointer status) {
+    const std::lock_guard lock(mutex_);
+    if (isClosed_) return false;
+    newest_ = std::move(status);
+    return beginDelivering();
+  }
+  [[nodiscard]] bool open() {
+    const std::lock_guard lock(mutex_);
+    isOpen_ = true;
+    return beginDelivering();
+  }
+
+  /// The status to push next; null ends the delivering.
+  [[nodiscard]] StatusPointer take() {
+    const std::lock_guard lock(mutex_);
+    isDelivering_ = newest_ != nullptr;
+    return std::exchange(newest_, nullptr);
+  }
+
+  /// Nothing more: the connection ended or subscribed anew.
+  void close() {
+    const std::lock_guard lock(mutex_);
+    isClosed_ = true;
+    newest_ = nullptr;
+  }
+
+  [[nodiscard]] ipc::ServedConnection& connection() const { return *connection_; }
+
+ private:
+  bool beginDelivering() {
+    if (!isOpen_ || isDelivering_ || !newest_) return false;
+    isDelivering_ = true;
+    return true;
+  }
+
+  const Connection connection_;
+  std::mutex mutex_;
+  StatusPointer newest_;
+  bool isOpen_ = false;
+  bool isClosed_ = false;
+  bool isDelivering_ = false;
+};
+
+DaemonXPCService::Self DaemonXPCService::make(Dependencies dependencies) {
+  return Self(new DaemonXPCService(std::move(dependencies)));
+}
+
+DaemonXPCService::DaemonXPCService(Dependencies dependencies)
+    : dependencies_(std::move(dependencies)),
+      encoding_(dependencies_.executor),
+      decodingBigRequests_(dependencies_.executor) {}
+
+std::expected<void, std::string> DaemonXPCService::start(ipc::DaemonListening& listener) {
+  return listener.start(weak_from_this());
+}
+
+// ---- connections
+
+std::optional<ipc::ConnectionTerms> DaemonXPCService::shouldAcceptNewConnection(
+    const Connection& connection) {
+  const auto& requirement = dependencies_.requirement;
+  if (requirement && !requirement->isValid()) return std::nullopt;
+  {
+    const std::lock_guard lock(mutex_);
+    liveConnections_.insert(connection->identity());
+  }
+  return ipc::ConnectionTerms{requirement};
+}
+
+void DaemonXPCService::ended(ipc::ConnectionID connection) {
+  std::map<ipc::ConnectionID, Subscription>::node_type subscription;
+  {
+    const std::lock_guard lock(mutex_);
+    liveConnections_.erase(connection);
+    subscription = subscriptions_.extract(connection);
+  }
+  if (subscription) {
+    subscription.mapped().outlet->close();
+    concurrency::spawn(dependencies_.executor,
+                       removeObserver(dependencies_.authority, subscription.mapped().observer));
+  }
+  if (const auto& presence = dependencies_.presence) {
+    concurrency::spawn(dependencies_.executor, presence->connectionEnded(connection));
+  }
+}
+
+bool DaemonXPCService::isLive(ipc::ConnectionID connection) {
+  const std::lock_guard lock(mutex_);
+  return liveConnections_.contains(connection);
+}
+
+// ---- calls
+
+void DaemonXPCService::received(Connection connection, ipc::DaemonCall call) {
+  concurrency::spawn(dependencies_.executor,
+                     serve(weak_from_this(), std::move(connection), std::move(call)));
+}
+
+Task<void> DaemonXPCService::serve(std::weak_ptr<DaemonXPCService> weak, Connection connection,
+                                   ipc::DaemonCall call) {
+  Self self = weak.lock();
+  if (!self) co_return;
+  if (call.operation == DaemonOperation::subscribeToStatusChanges) {
+    co_await subscribe(std::move(self), std::move(connection), std::move(call.answer));
+    co_return;
+  }
+  StatusResult result =
+      co_await perform(self, std::move(connection), call.operation, std::move(call.request));
+  DaemonReply answer = co_await reply(std::move(self), std::move(result));
+  call.answer.settle(std::move(answer));
+}
+
+Task<CommitmentAuthority::StatusResult> DaemonXPCService::perform(Self self, Connection connection,
+                                                                  DaemonOperation operation,
+                                                                  SharedBytes request) {
+  const Dependencies& services = self->dependencies_;
+  switch (operation) {
+    case DaemonOperation::status:
+      co_return co_await services.authority->status();
+    case DaemonOperation::activate:
+      co_return co_await activate(std::move(self), std::move(request));
+    case DaemonOperation::strengthen:
+      co_return co_await strengthen(std::move(self), std::move(request));
+    case DaemonOperation::extend:
+      co_return co_await extend(std::move(self), std::move(request));
+    case DaemonOperation::validateEnforcement:
+      co_return co_await validate(std::move(self));
+    case DaemonOperation::acknowledgeExpiry:
+      co_return co_await services.authority->acknowledgeExpiry();
+    case DaemonOperation::armFilterConfiguration:
+      if (services.filterArming) co_await services.filterArming->reapply();
+      co_return co_await services.authority->status();
+    case DaemonOperation::announceUserInterface:
+      co_return co_await announce(std::move(self), std::move(connection));
+    case DaemonOperation::subscribeToStatusChanges:
+      break;
+  }
+  core::stopProcess("an operation that nobody performs");
+}
+
+Task<CommitmentAuthority::StatusResult> DaemonXPCService::activate(Self self, SharedBytes request) {
+  const auto& authority = self->dependencies_.authority;
+  // Before anything is decoded: what the daemon may not do now, it does not look at.
+  auto refusal = co_await authority->activationRefusal();
+  if (refusal) {
+    co_return std::unexpected(DaemonError::enforcementNotValidated{std::move(*refusal)});
+  }
+  auto activation = co_await decoded<ipc::ActivationRequest>(self, std::move(request));
+  if (!activation) co_return std::unexpected(DaemonError::malformedRequest{"ActivationRequest"});
+  co_return co_await authority->activate(std::move(*activation));
+}
+
+Task<CommitmentAuthority::StatusResult> DaemonXPCService::strengthen(Self self,
+                                                                     SharedBytes request) {
+  auto addition = co_await decoded<ipc::ScopeAddition>(self, std::move(request));
+  if (!addition) co_return std::unexpected(DaemonError::malformedRequest{"ScopeAddition"});
+  co_return co_await self->dependencies_.authority->strengthen(std::move(*addition));
+}
+
+Task<CommitmentAuthority::StatusResult> DaemonXPCService::extend(Self self, SharedBytes request) {
+  const auto extension = co_await decoded<ipc::ExtensionRequest>(self, std::move(request));
+  if (!extension) co_return std::unexpected(DaemonError::malformedRequest{"ExtensionRequest"});
+  const auto& runningTime = self->dependencies_.runningTime;
+  if (runningTime) co_await runningTime->sampleNow();
+  co_return co_await self->dependencies_.authority->extend(extension->newEndTime);
+}
+
+Task<CommitmentAuthority::StatusResult> DaemonXPCService::validate(Self self) {
+  const auto& validator = self->dependencies_.validator;
+  if (!validator) {
+    co_return std::unexpected(
+        DaemonError::internalFailure{"No enforcement validation is available on this daemon."});
+  }
+  (void)co_await validator->validate();  // recorded with the authority, whose status shows it
+  co_return co_await self->dependencies_.authority->status();
+}
+
+Task<CommitmentAuthority::StatusResult> DaemonXPCService::announce(Self self,
+                                                                   Connection connection) {
+  if (!connection || !self->isLive(connection->identity())) {
+    co_return std::unexpected(noCurrentConnection());
+  }
+  if (const auto& presence = self->dependencies_.presence) {
+    co_await presence->announce(connection->identity());
+    // It may have ended meanwhile, and been forgotten before it was announced.
+    if (!self->isLive(connection->identity())) {
+      co_await presence->connectionEnded(connection->identity());
+    }
+  }
+  co_return co_await self->dependencies_.authority->status();
+}
+
+// ---- subscriptions
+
+Task<void> DaemonXPCService::subscribe(Self self, Connection connection, ipc::CallAnswer answer) {
+  if (!connection) {
+    answer.settle(replyOf(noCurrentConnection()));
+    co_return;
+  }
+  const auto outlet = std::make_shared<StatusOutlet>(connection);
+  const std::weak_ptr<DaemonXPCService> weak = self;
+  CommitmentAuthority::Observer observer = [weak, outlet](StatusPointer status) {
+    return observe(weak, outlet, std::move(status));
+  };
+  const auto& authority = self->dependencies_.authority;
+  auto registered = co_await authority->subscribe(std::move(observer));
+  Subscription subscription{registered.token, outlet};
+  Task<bool> enrolling = enroll(self, connection->identity(), std::move(subscription),
+                                std::move(registered.status), answer);
+  const bool isEnrolled = co_await self->encoding_.run(std::move(enrolling));
+  if (isEnrolled) {
+    if (outlet->open()) co_await deliver(std::move(self), outlet);
+    co_return;
+  }
+  outlet->close();
+  co_await authority->unsubscribe(registered.token);
+  answer.settle(replyOf(noCurrentConnection()));
+}
+
+/// Puts the subscription in the place of an earlier one and answers. False: the connection has
+/// ended.
+Task<bool> DaemonXPCService::enroll(Self self, ipc::ConnectionID connection,
+                                    Subscription subscription, StatusPointer status,
+                                    ipc::CallAnswer answer) {
+  std::optional<Subscription> earlier;
+  {
+    const std::lock_guard lock(self->mutex_);
+    if (!self->liveConnections_.contains(connection)) co_return false;
+    const auto [place, isFirst] = self->subscriptions_.try_emplace(connection, subscription);
+    if (!isFirst) earlier = std::exchange(place->second, std::move(subscription));
+  }
+  if (earlier) {
+    earlier->outlet->close();
+    concurrency::spawn(self->dependencies_.executor,
+                       removeObserver(self->dependencies_.authority, earlier->observer));
+  }
+  answer.settle(self->encodedReply(std::move(status)));
+  co_return true;
+}
+
+Task<void> DaemonXPCService::observe(std::weak_ptr<DaemonXPCService> weak,
+                                     std::shared_ptr<StatusOutlet> outlet, StatusPointer status) {
+  // Inside the authority's turn: takes the status and leaves.
+  if (!outlet->offer(std::move(status))) co_return;
+  if (Self self = weak.lock()) {
+    const concurrency::Executor executor = self->dependencies_.executor;
+    concurrency::spawn(executor, deliver(std::move(self), std::move(outlet)));
+  }
+}
+
+Task<void> DaemonXPCService::deliver(Self self, std::shared_ptr<StatusOutlet> outlet) {
+  bool mayBeMore = true;
+  while (mayBeMore) mayBeMore = co_await self->encoding_.run(pushNewest(self, outlet));
+}
+
+Task<bool> DaemonXPCService::pushNewest(Self self, std::shared_ptr<StatusOutlet> outlet) {
+  // Taken here, on the strand: an outlet that was closed before has nothing to give any more, so a
+  // subscription that was replaced pushes nothing behind the answer to the one that replaced it.
+  StatusPointer status = outlet->take();
+  if (!status) co_return false;
+  // One that does not encode is dropped.
+  if (SharedBytes bytes = self->encoded(std::move(status))) {
+    outlet->connection().push(std::move(bytes));
+  }
+  co_return true;
+}
+
+Task<void> DaemonXPCService::removeObserver(std::shared_ptr<CommitmentAuthority> authority,
+                                            core::UUID observer) {
+  co_await authority->unsubscribe(observer);
+}
+
+// ---- coding
+
+template <class Record>
+Task<std::optional<Record>> DaemonXPCService::decoded(Self self, SharedBytes request) {
+  if (!request || request->size() < bigRequestBytes) return decode<Record>(std::move(request));
+  return self->decodingBigRequests_.run(decode<Record>(std::move(request)));
+}
+
+Task<DaemonReply> DaemonXPCService::reply(Self self, StatusResult result) {
+  if (!result) co_return replyOf(result.error());
+  auto status = std::make_shared<const ipc::DaemonStatus>(std::move(*result));
+  co_return co_await self->encoding_.run(encodeReply(self, std::move(status)));
+}
+
+Task<DaemonReply> DaemonXPCService::encodeReply(Self self, StatusPointer status) {
+  co_return self->encodedReply(std::move(status));
+}
+
+DaemonReply DaemonXPCService::encodedReply(StatusPointer status) {
+  if (SharedBytes bytes = encoded(std::move(status))) return DaemonReply::of(std::move(bytes));
+  return replyOf(DaemonError::internalFailure{"Could not encode the daemon status."});
+}
+
+SharedBytes DaemonXPCService::encoded(StatusPointer status) {
+  // Equal statuses are compared cheaply: a Scope's domains are shared, and identity decides first.
+  const auto last = lastEncoded_.lock();
+  if (last && (last->status == status || *last->status == *status)) {
+    return {last, &last->bytes};
+  }
+  auto bytes = ipc::DaemonWireCoding::encode(*status);
+  if (!bytes) return nullptr;
+  const auto fresh =
+      std::make_shared<const EncodedStatus>(EncodedStatus{std::move(status), std::move(*bytes)});
+  lastEncoded_ = fresh;
+  return {fresh, &fresh->bytes};
+}
+
+}  // namespace stillow::authority
