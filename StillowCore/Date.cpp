@@ -38,7 +38,7 @@ std::string description(Date date) {
   const unsigned month = shiftedMonth < 10 ? shiftedMonth + 3 : shiftedMonth - 9;
   const long year = static_cast<long>(yearOfEra) + era * 400 + (month <= 2 ? 1 : 0);
 
-  std::array<char, 48> text{};
+  std::array<char, 96> text{};  // wider than any of the fields can be
   std::snprintf(text.data(), text.size(), "%04ld-%02u-%02u %02u:%02u:%02u +0000", year, month, day,
                 secondOfDay / 3'600, secondOfDay / 60 % 60, secondOfDay % 60);
   return text.data();

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include "StillowCore/Invariant.hpp"
@@ -331,8 +332,9 @@ void appendPretty(std::string& out, const JSONDocument& document, std::uint32_t 
       for (std::uint32_t key = index + 1; key < node.end; key = document.node(key + 1).end) {
         keys.push_back(key);
       }
-      std::ranges::stable_sort(keys, {},
-                               [&](std::uint32_t key) { return document.node(key).text; });
+      // Duplicates keep their order: their indices rise with it.
+      std::ranges::sort(keys, {},
+                        [&](std::uint32_t key) { return std::pair(document.node(key).text, key); });
       out += '{';
       if (keys.empty()) out += '\n';
       for (const std::uint32_t key : keys) {

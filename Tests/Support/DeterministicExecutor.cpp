@@ -59,11 +59,15 @@ class DeterministicExecutor::InlineBlockingExecutor final : public concurrency::
 DeterministicExecutor::~DeterministicExecutor() {
   // What never became ready is destroyed here, while the context that it refers to still stands.
   // Destroying a task may make another one ready or put one to sleep.
-  for (int round = 0; round < 1'000 && !(sleepers_.empty() && ready_.empty()); ++round) {
-    auto sleepers = std::exchange(sleepers_, {});
-    auto ready = std::exchange(ready_, {});
-  }
+  const auto dropWork = [this] {
+    for (int round = 0; round < 1'000 && !(sleepers_.empty() && ready_.empty()); ++round) {
+      const auto sleepers = std::exchange(sleepers_, {});
+      const auto ready = std::exchange(ready_, {});
+    }
+  };
+  dropWork();
   shutdown();
+  dropWork();
 }
 
 concurrency::Executor DeterministicExecutor::executor() { return Handle(*this); }
