@@ -185,28 +185,28 @@ Task<std::optional<FilterArmingState>> FilterArmingCoordinator::answerAppliedSta
 Task<FilterPathReadiness> FilterArmingCoordinator::readBack(Self self) {
   const std::int64_t applications = self->applications_;
   const bool wasApplying = self->isApplying_;
-  FilterPathReadiness found = co_await askSystem(self);
-  // A read-back that a pass of ours overlapped says nothing about what others did.
-  const bool isUndisturbed =
-      !wasApplying && !self->isApplying_ && applications == self->applications_;
-  if (found.filterConfigurationIsEnabled || !isUndisturbed ||
-      self->appliedState_ != FilterArmingState::armed) {
-    co_return found;
-  }
+  const auto found = co_await askSystem(self);
+  // No answer says nothing about the rules, and neither does one that a pass of ours overlapped.
+  const bool isTelling =
+      found && !wasApplying && !self->isApplying_ && applications == self->applications_;
+  const bool isLost = isTelling && !found->filterConfigurationIsEnabled &&
+                      self->appliedState_ == FilterArmingState::armed;
+  if (!isLost) co_return found.value_or(FilterPathReadiness{});
+
   self->appliedState_ = std::nullopt;
-  self->log("The filter's configuration was taken away; putting it back.");
+  self->log("The filter's configuration is no longer in force; applying it again.");
   co_await applyNow(self);
   // Repaired or not, for a while nothing was blocked.
   co_await report(self, DegradedReason::failedOpen);
-  found = co_await askSystem(self);
-  co_return found;
+  const auto repaired = co_await askSystem(self);
+  co_return repaired.value_or(FilterPathReadiness{});
 }
 
-Task<FilterPathReadiness> FilterArmingCoordinator::askSystem(Self self) {
+Task<std::optional<FilterPathReadiness>> FilterArmingCoordinator::askSystem(Self self) {
   const auto answer = co_await self->with_.configuration->readiness();
   if (answer) co_return *answer;
   self->log(answer.error().description);
-  co_return FilterPathReadiness{};
+  co_return std::nullopt;
 }
 
 // The apply loop

@@ -153,7 +153,7 @@ class FilterArmingCoordinator final : public FilterArmingReapplying,
   static concurrency::Task<PublishOutcome> publishCurrent(Self self);
   static concurrency::Task<void> followUp(WeakSelf weak, PublishOutcome outcome);
   static concurrency::Task<void> report(Self self, core::DegradedReason reason);
-  static concurrency::Task<FilterPathReadiness> askSystem(Self self);
+  static concurrency::Task<std::optional<FilterPathReadiness>> askSystem(Self self);
   void log(const std::string& sentence) const;
 
   concurrency::Strand serial_;
