@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+
+#include "StillowFiltering/FlowClassification.hpp"
 
 namespace stillow::filtering {
 
@@ -17,6 +20,15 @@ struct FilterCounters {
   std::int64_t unattributedFlowsAllowed = 0;
   std::int64_t associationsRecorded = 0;
   std::int64_t associatedAddressCount = 0;  ///< at the moment
+
+  // Each of these stops the process where a counter would overflow.
+
+  /// A flow showed its name and its address, after which the table holds `addressCount` addresses.
+  void countAssociation(std::size_t addressCount) noexcept;
+  /// A new flow was judged so.
+  void countClassified(const FlowClassification& classification) noexcept;
+  /// The inspection of a flow ended so: dropped or released.
+  void countEndOfInspection(const FlowDisposition& disposition) noexcept;
 
   friend bool operator==(const FilterCounters&, const FilterCounters&) = default;
 };

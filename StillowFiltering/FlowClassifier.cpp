@@ -1,11 +1,9 @@
 #include "StillowFiltering/FlowClassifier.hpp"
 
-#include <algorithm>
 #include <utility>
 
 #include "StillowCore/DomainMatcher.hpp"
 #include "StillowCore/DomainSet.hpp"
-#include "StillowCore/Invariant.hpp"
 
 namespace stillow::filtering {
 
@@ -34,8 +32,6 @@ using Disposition = FlowDisposition;
 core::DomainSet scopeDomains(const std::optional<EnforcementDirective>& directive) {
   return directive && directive->scope ? directive->scope->domains : core::DomainSet();
 }
-
-void increment(std::int64_t& counter) noexcept { counter = core::successor(counter); }
 
 }  // namespace
 
@@ -73,21 +69,10 @@ FlowClassification FlowClassifier::classify(const FlowEvidence& evidence, core::
   const std::scoped_lock guard(lock_);
   if (evidence.remoteHostname && evidence.remoteAddress) {
     associations_.record(*evidence.remoteHostname, *evidence.remoteAddress, now);
-    increment(counters_.associationsRecorded);
-    counters_.associatedAddressCount = static_cast<std::int64_t>(associations_.count());
+    counters_.countAssociation(associations_.count());
   }
-  FlowClassification classification = decide(evidence, now);
-  increment(counters_.flowsClassified);
-  if (classification.attribution == FlowAttribution::ambiguous) {
-    increment(counters_.ambiguousFlowsAllowed);
-  } else if (classification.attribution == FlowAttribution::unattributed) {
-    increment(counters_.unattributedFlowsAllowed);
-  }
-  core::match(
-      classification.disposition,
-      [&](Disposition::allowUnderInspection) { increment(counters_.flowsHeldForInspection); },
-      [&](Disposition::drop) { increment(counters_.flowsDropped); },
-      [&](Disposition::allowAndRelease) { increment(counters_.flowsReleased); });
+  const FlowClassification classification = decide(evidence, now);
+  counters_.countClassified(classification);
   return classification;
 }
 
@@ -99,10 +84,7 @@ FlowClassification FlowClassifier::reclassify(const FlowEvidence& evidence,
     if (inspectedByteCount < EvidenceBoundedPolicy::inspectionBytesMax) return classification;
     classification.disposition = Disposition::allowAndRelease{};
   }
-  std::int64_t& held = counters_.flowsHeldForInspection;
-  held = std::max<std::int64_t>(held - 1, 0);
-  increment(core::is<Disposition::drop>(classification.disposition) ? counters_.flowsDropped
-                                                                    : counters_.flowsReleased);
+  counters_.countEndOfInspection(classification.disposition);
   return classification;
 }
 

@@ -6,9 +6,11 @@
 namespace {
 
 thread_local std::size_t allocations = 0;
+thread_local std::size_t allocatedBytes = 0;
 
 void* allocate(std::size_t size, std::size_t alignment) {
   ++allocations;
+  allocatedBytes += size;
   if (size == 0) size = 1;
   void* const memory =
       alignment <= __STDCPP_DEFAULT_NEW_ALIGNMENT__
@@ -21,6 +23,7 @@ void* allocate(std::size_t size, std::size_t alignment) {
 }  // namespace
 
 std::size_t stillow::test::allocationsOfThisThread() noexcept { return allocations; }
+std::size_t stillow::test::allocatedBytesOfThisThread() noexcept { return allocatedBytes; }
 
 // All forms, because sanitizers bring their own, which would not meet with these.
 void* operator new(std::size_t size) { return allocate(size, 1); }
