@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace stillow::filtering;
   const WireBytes stream{data, size};
   const NameReading whole = readClientHello(stream);
-  const std::size_t step = size / 64 + 1;
+  const std::size_t step = size / 16 + 1;
   for (std::size_t prefix = 0; prefix < size; prefix += step) {
     const NameReading reading = readClientHello(stream.first(prefix));
     if (!reading.needsMore() && !(reading == whole)) std::abort();

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   bool isGivenUp = false;
   while (input.size() > 3) {
     const std::uint8_t how = input[0];
-    const std::size_t bytes = std::min<std::size_t>(input[1] << 8 | input[2], input.size() - 3);
+    const std::size_t announced = static_cast<std::size_t>(input[1]) << 8 | input[2];
+    const std::size_t bytes = std::min(announced, input.size() - 3);
     const WireBytes part = input.subspan(3, bytes);
     input = input.subspan(3 + bytes);
     Bytes datagram{part.begin(), part.end()};

@@ -201,7 +201,7 @@ NameReading readClientHelloMessage(WireBytes prefix) noexcept {
     if (*sessionIDBytes > sessionIDBytesMax || !hello.skip(*sessionIDBytes)) {
       return NameReading::none{};
     }
-    for (const std::size_t lengthBytes : {2, 1}) {  // cipher suites, compression methods
+    for (const std::size_t lengthBytes : {2U, 1U}) {  // cipher suites, compression methods
       const auto listBytes = hello.number(lengthBytes);
       if (!listBytes) return hello.outcome();
       if (!hello.skip(*listBytes)) return NameReading::none{};

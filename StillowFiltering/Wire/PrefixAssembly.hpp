@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <bitset>
 #include <cstddef>
 #include <cstdint>
 
@@ -28,8 +27,12 @@ class PrefixAssembly {
   [[nodiscard]] bool isFull() const noexcept { return prefixSize_ == bytes_.size(); }
 
  private:
+  void fill(std::size_t start, WireBytes bytes) noexcept;
+  void closeGap() noexcept;
+
   std::array<std::uint8_t, inspectedBytesMax> bytes_;
-  std::bitset<inspectedBytesMax> beyondPrefix_;  // bytes that came before what precedes them
+  /// A bit for each byte beyond the prefix that came before what precedes it.
+  std::array<std::uint64_t, inspectedBytesMax / 64> present_{};
   std::size_t prefixSize_ = 0;
   std::size_t highestEnd_ = 0;
 };

@@ -10,7 +10,7 @@
 #include "StillowFiltering/Wire/HostName.hpp"
 
 struct evp_cipher_ctx_st;
-struct evp_kdf_ctx_st;
+struct evp_mac_ctx_st;
 
 namespace stillow::filtering {
 
@@ -39,7 +39,7 @@ struct QUICInitialKeys {
 /// When OpenSSL fails, the answer is the one for a packet that does not authenticate.
 class QUICInitialCrypto {
  public:
-  /// Stops the process when OpenSSL has no AES-128-GCM, AES-128-ECB or HKDF: a broken installation,
+  /// Stops the process when OpenSSL has no AES-128-GCM, AES-128-ECB or HMAC: a broken installation,
   /// better noticed at the start than at the first packet.
   QUICInitialCrypto();
 
@@ -71,11 +71,11 @@ class QUICInitialCrypto {
  private:
   struct Deleter {
     void operator()(evp_cipher_ctx_st* context) const noexcept;
-    void operator()(evp_kdf_ctx_st* context) const noexcept;
+    void operator()(evp_mac_ctx_st* context) const noexcept;
   };
   std::unique_ptr<evp_cipher_ctx_st, Deleter> packetCipher_;
   std::unique_ptr<evp_cipher_ctx_st, Deleter> headerCipher_;
-  std::unique_ptr<evp_kdf_ctx_st, Deleter> keyDerivation_;
+  std::unique_ptr<evp_mac_ctx_st, Deleter> hmac_;
 };
 
 }  // namespace stillow::filtering

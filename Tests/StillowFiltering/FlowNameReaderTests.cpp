@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "StillowFiltering/Wire/FlowNameReader.hpp"
+#include "WireFixtures.hpp"
 #include "WireTesting.hpp"
 
 namespace stillow::filtering {

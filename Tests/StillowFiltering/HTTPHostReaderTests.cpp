@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "StillowFiltering/Wire/HTTPHostReader.hpp"
+#include "WireFixtures.hpp"
 #include "WireTesting.hpp"
 
 namespace stillow::filtering {

@@ -5,6 +5,7 @@
 
 #include "QUICSealing.hpp"
 #include "StillowFiltering/Wire/QUICInitialReader.hpp"
+#include "WireFixtures.hpp"
 #include "WireTesting.hpp"
 
 namespace stillow::filtering {

@@ -2,6 +2,7 @@
 
 #include "QUICSealing.hpp"
 #include "StillowFiltering/Wire/QUICPacket.hpp"
+#include "WireFixtures.hpp"
 #include "WireTesting.hpp"
 
 namespace stillow::filtering {

@@ -1,18 +1,17 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
-#include <random>
-#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "StillowFiltering/Wire/NameReading.hpp"
 
-/// What the tests of the name readers share: captured bytes, hand-made hellos, readings as text.
+/// What the tests of the name readers share: hand-made hellos, pieces of
+/// streams, readings as text.
 namespace stillow::filtering::testing {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -35,27 +34,6 @@ inline void appendNumber(Bytes& to, std::uint64_t value, std::size_t byteCount) 
   for (std::size_t i = byteCount; i-- > 0;) {
     to.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
   }
-}
-
-/// The captured bytes that Tests/Fixtures/wire/README.md describes.
-inline Bytes loadFixture(std::string_view name) {
-  const std::string path = std::string{STILLOW_FIXTURES} + "/wire/" + std::string{name};
-  std::ifstream file{path, std::ios::binary};
-  if (!file) throw std::runtime_error{"no fixture " + path};
-  return {std::istreambuf_iterator<char>{file}, {}};
-}
-
-inline std::vector<Bytes> loadDatagrams(std::string_view name) {
-  const Bytes file = loadFixture(name);
-  std::vector<Bytes> datagrams;
-  for (std::size_t at = 0; at + 2 <= file.size();) {
-    const auto size = static_cast<std::size_t>(file[at] << 8 | file[at + 1]);
-    const auto start = file.begin() + static_cast<std::ptrdiff_t>(at + 2);
-    if (at + 2 + size > file.size()) throw std::runtime_error{"a damaged fixture"};
-    datagrams.emplace_back(start, start + static_cast<std::ptrdiff_t>(size));
-    at += 2 + size;
-  }
-  return datagrams;
 }
 
 /// A reading as text, so that a failing comparison shows the name: "need more", "none" or the name.
