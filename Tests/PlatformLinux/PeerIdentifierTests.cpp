@@ -1,5 +1,8 @@
+#include <atomic>
 #include <filesystem>
 #include <memory>
+#include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -234,6 +237,8 @@ TEST_F(SignedExecutablePeer, isMistakenForALaterProcessOnlyIfLookedAtByIDTooLate
   signProbe();
   const auto trusted = connect(pid);
 
+  EXPECT_FALSE(inTime->openExecutable().has_value());
+  EXPECT_FALSE(inTime->executableName().has_value());
   expectRefusal(identifier->identify(*inTime), "has ended");
   const auto tooLate = PinnedProcess::connectedPeer(stranger.connection.get(), byID);
   ASSERT_TRUE(tooLate.has_value());
@@ -284,6 +289,25 @@ TEST_F(SignedExecutablePeer, isReadAgainWhileAChangeOfItsFileMightNotShow) {
   now = static_cast<double>(status.st_ctim.tv_sec) + 1;
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(identifyNewPeer().has_value());
   EXPECT_EQ(identifier->executablesRead(), 3U);
+}
+
+TEST_F(SignedExecutablePeer, isIdentifiedFromManyThreadsAtOnce) {
+  signProbe();
+  const auto peer = connect();
+  const auto connected = peers.connectedPeer(peer.connection.get());
+  ASSERT_TRUE(connected.has_value());
+  std::atomic<int> identified = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      for (int j = 0; j < 10; ++j) {
+        if ((*connected)->codeIdentity() == application) ++identified;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(identified, 80);
+  EXPECT_LE(identifier->executablesRead(), threads.size()) << "at most once by each at first";
 }
 
 TEST(PinnedProcess, isNoProcessThatHasEnded) {
