@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include <sys/types.h>
+
+#include "StillowConcurrency/OneShot.hpp"
+#include "StillowConcurrency/Task.hpp"
+
+namespace stillow::platform {
+
+/// Lets in so many at a time, and only so many of one user, so that what one user does keeps no
+/// other user waiting for longer than one stay. Who waits longest goes first among those who may.
+/// Any thread.
+class FairGate {
+  struct State;
+
+ public:
+  /// Being inside; over when the last owner lets go of it.
+  class Pass {
+   public:
+    Pass(std::shared_ptr<State> state, uid_t user) : state_(std::move(state)), user_(user) {}
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
+    ~Pass();
+
+   private:
+    std::shared_ptr<State> state_;
+    uid_t user_;
+  };
+
+  FairGate(std::size_t most, std::size_t mostPerUser);
+
+  /// Waits for a place. Never null.
+  [[nodiscard]] concurrency::Task<std::shared_ptr<Pass>> enter(uid_t user) const {
+    return enterThrough(state_, user);
+  }
+
+ private:
+  using Arrival = concurrency::OneShot<std::shared_ptr<Pass>>;
+  struct Waiting {
+    uid_t user;
+    Arrival arrival;
+  };
+  struct State {
+    std::mutex mutex;
+    std::size_t most = 0;
+    std::size_t mostPerUser = 0;
+    std::size_t inside = 0;
+    std::map<uid_t, std::size_t> insideOfUser;
+    std::deque<Waiting> waiting;
+
+    bool admits(uid_t user) const;
+    void admit(uid_t user);
+  };
+
+  static concurrency::Task<std::shared_ptr<Pass>> enterThrough(std::shared_ptr<State> state,
+                                                               uid_t user);
+  static void leave(const std::shared_ptr<State>& state, uid_t user);
+
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace stillow::platform
