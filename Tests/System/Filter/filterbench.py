@@ -5,10 +5,12 @@ of its own. STILLOW_BIN names the directory of the executables, STILLOW_STATE_DI
 directory that was fixed when they were built.
 """
 
-import contextlib
+import errno
 import json
 import os
 import signal
+import socket
+import struct
 import sys
 import time
 import unittest
@@ -18,10 +20,11 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "support"))
 
 from namespaces import (Link, NetworkNamespace, PrivateRoot, TemporaryDirectory,  # noqa: E402
                         remove_leftovers)
-from processes import run, wait_until  # noqa: E402
+from processes import HANG_SECONDS, run, wait_until  # noqa: E402
 from webserver import CertificateAuthority, WebServer  # noqa: E402
 
 BIN = Path(os.environ["STILLOW_BIN"])
+FIXTURES = Path(__file__).resolve().parent.parent.parent / "Fixtures" / "wire"
 STATE_DIRECTORY = Path(os.environ["STILLOW_STATE_DIRECTORY"])
 QUEUE = 5300
 MASK = 0x30000000
@@ -118,16 +121,22 @@ class FilterTestCase(unittest.TestCase):
         self.link = Link(self.client, self.server)
         # The top-level directory of the state directory is exchanged for one of the test's own.
         top = Path("/", STATE_DIRECTORY.parts[1])
-        self.library = self.directory / "library"
-        self.state_directory = self.library / STATE_DIRECTORY.relative_to(top)
+        library = self.directory / "library"
+        self.state_directory = library / STATE_DIRECTORY.relative_to(top)
         self.state_directory.mkdir(parents=True, mode=0o755)
-        self.private_root = self._closing(PrivateRoot({top: self.library}))
-        self.client.use_private_root(self.private_root)
+        hosts = self.directory / "hosts"
+        hosts.write_text(self.hosts(), encoding="utf-8")
+        self.client.use_private_root(
+            self._closing(PrivateRoot({top: library, "/etc/hosts": hosts})))
         self.rules = Rules(self.client)
         self.directive = DirectiveFile(self.state_directory)
         self._filter_count = 0
         self.filter = None
         self.authority = None
+
+    def hosts(self):
+        """The hosts file of the client's namespace."""
+        return "127.0.0.1 localhost\n"
 
     def _closing(self, thing):
         self.addCleanup(thing.close)
@@ -190,13 +199,72 @@ class FilterTestCase(unittest.TestCase):
             lines += self.client.run("conntrack", "-L", "-f", family).stdout.splitlines()
         return lines
 
-    @contextlib.contextmanager
-    def second_namespace(self, label):
-        namespace = NetworkNamespace(label)
-        try:
-            yield namespace
-        finally:
-            namespace.close()
+    def connect(self, port=80, ipv6=False, mark=None, namespace=None):
+        """A TCP connection from the client's namespace to the server."""
+        with (namespace or self.client).entered():
+            tcp = socket.socket(socket.AF_INET6 if ipv6 else socket.AF_INET)
+        self.addCleanup(tcp.close)
+        tcp.settimeout(HANG_SECONDS)
+        if mark is not None:
+            tcp.setsockopt(socket.SOL_SOCKET, socket.SO_MARK, mark)
+        tcp.connect((self.link.right_ipv6 if ipv6 else self.link.right_ipv4, port))
+        return tcp
+
+    def connect_udp(self, port=443, ipv6=False):
+        """A connected UDP socket in the client's namespace."""
+        with self.client.entered():
+            udp = socket.socket(socket.AF_INET6 if ipv6 else socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(udp.close)
+        udp.settimeout(HANG_SECONDS)
+        udp.connect((self.link.right_ipv6 if ipv6 else self.link.right_ipv4, port))
+        return udp
+
+    def receive_udp(self, port=443, ipv6=False):
+        """A UDP socket in the server's namespace that takes what comes to `port`."""
+        with self.server.entered():
+            udp = socket.socket(socket.AF_INET6 if ipv6 else socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(udp.close)
+        udp.settimeout(HANG_SECONDS)
+        udp.bind(("::" if ipv6 else "0.0.0.0", port))
+        return udp
+
+
+def request(host, path="/"):
+    return f"GET {path} HTTP/1.1\r\nHost: {host}\r\n\r\n".encode()
+
+
+def answer(tcp):
+    """The answer to one request; "reset" where the connection was reset instead."""
+    received = b""
+    try:
+        while not received.endswith(b"\n"):
+            part = tcp.recv(65536)
+            if not part:
+                break
+            received += part
+    except ConnectionResetError:
+        return "reset"
+    return received.decode().split("\r\n\r\n")[-1].strip()
+
+
+def datagrams(fixture):
+    """The datagrams of a captured fixture."""
+    data = (FIXTURES / fixture).read_bytes()
+    result = []
+    while data:
+        (size,) = struct.unpack(">H", data[:2])
+        result.append(data[2:2 + size])
+        data = data[2 + size:]
+    return result
+
+
+def refusal(udp):
+    """Waits for what the kernel reports on a connected UDP socket, and gives the error's name."""
+    try:
+        udp.recv(65536)
+    except OSError as error:
+        return errno.errorcode.get(error.errno, str(error))
+    return "an answer"
 
 
 def main():

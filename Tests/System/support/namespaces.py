@@ -4,6 +4,8 @@ Everything is removed by close(), also when the test fails; register it with add
 the id of the test's process, and what a test that was killed left behind is removed by the next.
 """
 
+import contextlib
+import ctypes
 import itertools
 import os
 import shutil
@@ -14,6 +16,8 @@ from processes import Process, require_root, run, wait_until
 
 _NAME_PREFIX = "stillow-test-"
 _numbers = itertools.count(1)
+_CLONE_NEWNET = 0x40000000
+_libc = ctypes.CDLL(None, use_errno=True)
 _PRIVATE_ROOT = str(Path(__file__).with_name("private-root"))
 
 
@@ -58,6 +62,17 @@ class NetworkNamespace:
         self._processes.append(process)
         return process
 
+    @contextlib.contextmanager
+    def entered(self):
+        """Sockets that this thread makes in the block belong to this namespace for good."""
+        with open("/proc/thread-self/ns/net", "rb") as home, \
+                open(f"/run/netns/{self.name}", "rb") as there:
+            _enter(there)
+            try:
+                yield
+            finally:
+                _enter(home)
+
     def sysctl(self, name, value):
         self.run("sysctl", "-q", "-w", f"{name}={value}")
 
@@ -67,10 +82,16 @@ class NetworkNamespace:
         run(["ip", "netns", "delete", self.name], check=False)
 
 
+def _enter(namespace_file):
+    if _libc.setns(namespace_file.fileno(), _CLONE_NEWNET) != 0:
+        raise OSError(ctypes.get_errno(), "setns")
+
+
 class PrivateRoot:
     """The machine's file tree with some directories exchanged, for the commands of a namespace.
 
-    `replacements` maps a path to the directory that stands in its place; see private-root."""
+    `replacements` maps a path to the directory (or file, where there is one already) that stands in
+    its place; see private-root."""
 
     def __init__(self, replacements):
         self._replacements = dict(replacements)
