@@ -126,8 +126,7 @@ class FilterTestCase(unittest.TestCase):
         self.state_directory.mkdir(parents=True, mode=0o755)
         hosts = self.directory / "hosts"
         hosts.write_text(self.hosts(), encoding="utf-8")
-        self.client.use_private_root(
-            self._closing(PrivateRoot({top: library, "/etc/hosts": hosts})))
+        self.private_root = self._closing(PrivateRoot({top: library, "/etc/hosts": hosts}))
         self.rules = Rules(self.client)
         self.directive = DirectiveFile(self.state_directory)
         self._filter_count = 0
@@ -135,7 +134,7 @@ class FilterTestCase(unittest.TestCase):
         self.authority = None
 
     def hosts(self):
-        """The hosts file of the client's namespace."""
+        """The hosts file that is seen in the private root."""
         return "127.0.0.1 localhost\n"
 
     def _closing(self, thing):
@@ -145,8 +144,8 @@ class FilterTestCase(unittest.TestCase):
     def start_filter(self, wait=True, **options):
         self._filter_count += 1
         self.filter = self.client.start(
-            BIN / "stillow-filter", log_path=self.directory / f"filter-{self._filter_count}.log",
-            **options)
+            *self.private_root.command(BIN / "stillow-filter"),
+            log_path=self.directory / f"filter-{self._filter_count}.log", **options)
         if wait:
             self.filter.wait_for_log("bound to packet queue")
         return self.filter

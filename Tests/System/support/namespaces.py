@@ -38,21 +38,13 @@ class NetworkNamespace:
     def __init__(self, label):
         require_root()
         self.name = f"{_NAME_PREFIX}{os.getpid()}-{next(_numbers)}-{label}"
-        self._private_root = None
         self._processes = []
         run(["ip", "netns", "add", self.name])
         self.run("ip", "link", "set", "lo", "up")
 
-    def use_private_root(self, private_root):
-        """Later commands run in this file tree."""
-        self._private_root = private_root
-
     def command(self, *argv):
         """The command line that runs `argv` here, under the id of the process that is started."""
-        inside = list(map(str, argv))
-        if self._private_root is not None:
-            inside = self._private_root.command(*inside)
-        return ["ip", "netns", "exec", self.name, *inside]
+        return ["ip", "netns", "exec", self.name, *map(str, argv)]
 
     def run(self, *argv, **options):
         return run(self.command(*argv), **options)
@@ -88,7 +80,8 @@ def _enter(namespace_file):
 
 
 class PrivateRoot:
-    """The machine's file tree with some directories exchanged, for the commands of a namespace.
+    """The machine's file tree with some directories exchanged, for a command that is to see it so:
+    namespace.run(*private_root.command("program", "argument")).
 
     `replacements` maps a path to the directory (or file, where there is one already) that stands in
     its place; see private-root."""
@@ -99,7 +92,7 @@ class PrivateRoot:
 
     def command(self, *argv):
         exchanged = [f"{path}={source}" for path, source in self._replacements.items()]
-        return [_PRIVATE_ROOT, self._scratch, *exchanged, "--", *argv]
+        return [_PRIVATE_ROOT, self._scratch, *exchanged, "--", *map(str, argv)]
 
     def close(self):
         # Mounts lie in the commands' own mount namespaces: here the directory is empty.
