@@ -267,14 +267,8 @@ TEST(CommitmentAuthorityMachine, adoptsARecoveredStateWithTheHealthOfTheMoment) 
   EXPECT_EQ(machine.state().commitment()->remainingDuration, 3'600);
 }
 
-// More names than one Scope may hold, measured in bytes because that needs fewer of them.
-core::DomainSet tooManyDomains() {
-  constexpr std::size_t length = 250;
-  return testing::manyDomains(core::ScopeCapacity::nameBytesMax / length + 1, length);
-}
-
 TEST(CommitmentAuthorityMachine, refusesAScopeBeyondItsCapacity) {
-  const core::DomainSet tooMany = tooManyDomains();
+  const core::DomainSet tooMany = testing::manyDomains(core::ScopeCapacity::domainsMax + 1);
   Machine idle;
   EXPECT_EQ(idle.activate(tooMany, hour, start),
             Machine::Ruling(std::unexpected(DaemonError::internalFailure{

@@ -27,16 +27,12 @@ inline core::DomainSet domains(std::initializer_list<std::string_view> names) {
   return core::DomainSet::of(std::move(all));
 }
 
-/// `count` different domains, each `length` characters long.
-inline core::DomainSet manyDomains(std::size_t count, std::size_t length = 20) {
+/// `count` different domains in ascending order.
+inline core::DomainSet manyDomains(std::size_t count) {
   std::vector<core::Domain> all;
   all.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
-    std::string name = std::to_string(1'000'000'000 + i) + ".";
-    while (name.size() < length) {
-      name += name.size() + 1 < length && name.size() % 20 == 0 ? '.' : 'x';
-    }
-    all.push_back(*core::Domain::make(name));
+    all.push_back(*core::Domain::make(std::to_string(1'000'000'000 + i) + ".x"));
   }
   return core::DomainSet::of(std::move(all));
 }
@@ -125,9 +121,9 @@ struct AuthorityWorld {
 
   /// Recovers; so set the stores up first.
   void begin() {
-    authority = CommitmentAuthority::make(executor.executor(), executor.blockingExecutor(),
-                                          DurableCommitmentStore(currentStore, goodStore),
-                                          [time = now] { return *time; });
+    authority =
+        CommitmentAuthority::make(executor.executor(), executor.blockingExecutor(),
+                                  DurableCommitmentStore(currentStore, goodStore), wallClock);
   }
   void setTime(core::Date date) { *now = date; }
   void passTime(double seconds) { *now = *now + seconds; }
@@ -139,7 +135,9 @@ struct AuthorityWorld {
   void run(concurrency::Task<void> task) { executor.run(std::move(task)); }
 
   ipc::DaemonStatus status() { return run(authority->status()); }
-  void passValidation() { run(authority->record(core::EnforcementValidation::passed{}, *now)); }
+  void passValidation() {
+    run(authority->record(core::EnforcementValidation::passed{}, wallClock()));
+  }
   CommitmentAuthority::StatusResult activate(
       const core::DomainSet& websites = domains({"a.example"}), double seconds = 3'600) {
     passValidation();
@@ -162,6 +160,7 @@ struct AuthorityWorld {
   }
 
   std::shared_ptr<core::Date> now = std::make_shared<core::Date>(start);
+  core::WallClock wallClock = [time = now] { return *time; };
   test::DeterministicExecutor executor;
   std::shared_ptr<ScriptedCheckpointStore> currentStore;
   std::shared_ptr<ScriptedCheckpointStore> goodStore;
