@@ -242,6 +242,16 @@ TEST_F(PacketJudgeTest, refusesEveryFurtherDatagramAndCountsTheFlowOnce) {
   EXPECT_EQ(counters().flowsClassified, 1);
 }
 
+TEST_F(PacketJudgeTest, judgesAnotherConnectionFromTheSamePortByItsOwnName) {
+  adopt({"example.com"});
+  const auto blocked = loadDatagrams("rfc9001-a2.datagrams").at(0);
+  const auto other = loadDatagrams("ngtcp2-quic-v1.datagrams").at(0);  // www.example.org
+  const auto flow = flowTo(1, 1, FlowKey::Protocol::udp);
+  EXPECT_EQ(judge(udpPacket(flow, blocked)), PacketAnswer::drop);
+  EXPECT_EQ(judge(udpPacket(flow, other)), PacketAnswer::release);
+  EXPECT_EQ(counters().flowsClassified, 2);
+}
+
 TEST_F(PacketJudgeTest, namesTheReleasedFlowsThatAGrownScopeBlocks) {
   EXPECT_EQ(request(flowTo(1, 1), "www.neighbour.example"), PacketAnswer::release);
   EXPECT_EQ(request(flowTo(1, 2), "third.example"), PacketAnswer::release);

@@ -66,9 +66,19 @@ PacketAnswer PacketJudge::judge(filtering::WireBytes packet, Moment now) {
 std::optional<PacketAnswer> PacketJudge::earlierAnswer(const PacketHeaders& packet, Moment now) {
   const auto* const decision = decisions_.find(packet.flow, now.steady);
   if (decision == nullptr) return std::nullopt;
-  if (isSameFlow(packet, decision->firstSequence)) return answerFor(decision->isDropped);
+  if (isSameFlow(packet, decision->firstSequence) && !isAnotherConnection(packet, *decision)) {
+    return answerFor(decision->isDropped);
+  }
   (void)decisions_.take(packet.flow);  // the ports are in use again, by another connection
   return std::nullopt;
+}
+
+bool PacketJudge::isAnotherConnection(const PacketHeaders& packet,
+                                      const Decision& decision) noexcept {
+  if (packet.flow.protocol != FlowKey::Protocol::udp || !decision.isDropped) return false;
+  filtering::QUICInitialReader reader;
+  const auto reading = reader.take(packet.payload, crypto_);
+  return reading.name() != nullptr && decision.name != *reading.name();
 }
 
 PacketAnswer PacketJudge::judgeFirst(const PacketHeaders& packet, Moment now) {

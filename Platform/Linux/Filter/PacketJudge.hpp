@@ -93,6 +93,10 @@ class PacketJudge {
 
   /// The answer for a flow that was decided lately; forgets a decision about an earlier flow.
   [[nodiscard]] std::optional<PacketAnswer> earlierAnswer(const PacketHeaders& packet, Moment now);
+  /// Whether a datagram of a dropped flow opens a connection to another name: some programs send
+  /// all they have for an address from one port.
+  [[nodiscard]] bool isAnotherConnection(const PacketHeaders& packet,
+                                         const Decision& decision) noexcept;
   [[nodiscard]] PacketAnswer judgeFirst(const PacketHeaders& packet, Moment now);
   [[nodiscard]] filtering::NameReading take(Undecided& flow, const PacketHeaders& packet) noexcept;
   PacketAnswer decide(const FlowKey& key, std::uint32_t firstSequence,
