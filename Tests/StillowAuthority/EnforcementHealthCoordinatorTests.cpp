@@ -400,6 +400,22 @@ TEST_F(EnforcementHealthCoordinatorTest, countsNoVerdictAfterItStopped) {
   EXPECT_EQ(system.executor.sleeperCount(), 0U);
 }
 
+TEST_F(EnforcementHealthCoordinatorTest, countsNoVerdictOnAPathAfterItStopped) {
+  system.activate({"example.com"});
+  run(health->reconcileWithRecovery());
+  run(health->start());
+  give(wired);
+  verifier->gate.hold();
+  verifier->verdict = Verification::unverified{pathUnverified};
+  give(wiredAndWireless);
+  ASSERT_THAT(verifier->questions, SizeIs(1));
+  run(health->stop());
+  verifier->gate.open();
+  system.executor.runReady();
+  EXPECT_EQ(published(), healthy);
+  EXPECT_EQ(system.executor.sleeperCount(), 0U);
+}
+
 TEST_F(EnforcementHealthCoordinatorTest, isNotKeptAliveByItsLoops) {
   run(health->start());
   run(health->reportFault(failedOpen));

@@ -229,6 +229,20 @@ TEST_F(FilterArmingCoordinatorTest, takesNoReadBackDuringAPassForALoss) {
   EXPECT_THAT(faults->faults, IsEmpty());
 }
 
+TEST_F(FilterArmingCoordinatorTest, takesNoReadBackThatAWholePassOverlappedForALoss) {
+  run(arming->reapply());
+  configuration->readingGate.hold();
+  const auto found = system.executor.start(arming->readiness());  // sees "disarmed"
+  system.executor.runReady();
+  (void)start(arming->setUserInterfaceRunning(true));
+  system.executor.runReady();
+  configuration->readingGate.open();
+  system.executor.runReady();
+  EXPECT_TRUE(found->has_value());
+  EXPECT_THAT(configuration->applications, ElementsAre(disarmed, armed));
+  EXPECT_THAT(faults->faults, IsEmpty());
+}
+
 TEST_F(FilterArmingCoordinatorTest, saysNothingIsReadyWhenTheSystemCannotBeAsked) {
   showUserInterface();
   configuration->readingFailuresLeft = 1;
@@ -325,8 +339,9 @@ TEST_F(FilterArmingCoordinatorTest, reportsADirectiveThatCouldNotBeWrittenAtTheS
 TEST_F(FilterArmingCoordinatorTest, takesBackAScopeWhoseFailedWriteHadReachedTheFilter) {
   run(arming->start());
   directives->failureStillReplaces = true;
-  directives->failuresLeft = 1;
+  directives->fails = [] { return true; };
   system.activate({"example.com"}, 60);
+  directives->fails = nullptr;
   ASSERT_TRUE(directives->inForce->scope.has_value());
   // The Commitment ends. What counts as delivered has no Scope either, but the file has one.
   run(system.authority->recordRunningTime(60, RunningTimeRecording::inMemory));
