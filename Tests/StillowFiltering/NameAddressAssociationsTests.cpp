@@ -258,9 +258,7 @@ class PlainAssociations {
     });
     if (std::ssize(entries_) <= addressesMax) return;
     std::vector<Entry> byAge(entries_.begin(), entries_.end() - 1);
-    std::ranges::stable_sort(byAge, {}, [](const Entry& other) {
-      return other.lastObservedAt.secondsSinceReferenceDate;
-    });
+    sortByTime(byAge, [](const Entry& other) { return other.lastObservedAt; });
     byAge.push_back(entries_.back());  // the newest whatever the clock says
     byAge.erase(byAge.begin(), byAge.end() - addressesMax);
     std::erase_if(entries_, [&](const Entry& other) {
@@ -286,6 +284,16 @@ class PlainAssociations {
     std::vector<std::pair<std::string, Date>> names;
     Date lastObservedAt;
   };
+
+  /// Leaves equal times in their order.
+  template <class Element, class TimeOf>
+  static void sortByTime(std::vector<Element>& elements, TimeOf timeOf) {
+    for (std::size_t i = 1; i < elements.size(); ++i) {
+      for (std::size_t j = i; j > 0 && timeOf(elements[j]) < timeOf(elements[j - 1]); --j) {
+        std::swap(elements[j], elements[j - 1]);
+      }
+    }
+  }
 
   NameAddressAssociations::Limits limits_;
   std::vector<Entry> entries_;

@@ -58,7 +58,7 @@ class PosixFileSystemTest : public testing::Test {
 };
 
 TEST_F(PosixFileSystemTest, createsWithExactlyTheModeWhateverTheMask) {
-  for (const ::mode_t mask : {0000, 0022, 0077, 0777}) {
+  for (const ::mode_t mask : {0000U, 0022U, 0077U, 0777U}) {
     SCOPED_TRACE(mask);
     const Mask guard(mask);
     const std::string file = directory.path("file" + std::to_string(mask));
