@@ -45,8 +45,9 @@ class PacketQueue {
  public:
   /// Bytes of each packet that are copied: what a reader looks at, and headers.
   static constexpr std::size_t copyBytes = 4096 + 512;
-  /// Packets that wait in the kernel before further ones pass unseen.
-  static constexpr std::uint32_t lengthMax = 8192;
+  /// Packets that wait in the kernel before further ones pass unseen. More than the receive buffer
+  /// holds of the smallest, so that the buffer is what is full first: only that is reported.
+  static constexpr std::uint32_t lengthMax = 16'384;
   /// Memory for packets on their way to us; holds 3,600 full-size ones.
   static constexpr int receiveBufferBytes = 4 << 20;
   /// Packets taken, and answers sent, with one system call.

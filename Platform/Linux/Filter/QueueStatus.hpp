@@ -16,7 +16,9 @@ struct QueueStatus {
   /// another program it is the process id only if it was that program's first netlink socket.
   std::uint32_t portID = 0;
   std::uint32_t waiting = 0;           ///< packets without a verdict, those being judged included
-  std::uint32_t droppedQueueFull = 0;  ///< rises also where such packets were accepted instead
+  /// Packets discarded because the queue, or its holder's socket, was full. Those that pass instead
+  /// (a queue bound to fail open, as ours) are not in it.
+  std::uint32_t droppedQueueFull = 0;
   std::uint32_t droppedSocketFull = 0;
   std::uint32_t lastPacketID = 0;  ///< number of the last packet queued; wraps
 
