@@ -11,6 +11,7 @@
 #include "StillowAuthority/CommitmentCheckpoint.hpp"
 #include "StillowCore/Coding.hpp"
 #include "StillowCore/SHA256.hpp"
+#include "StillowCore/Scope.hpp"
 #include "StillowCore/SumType.hpp"
 #include "StillowFiltering/Storage/DurableFile.hpp"
 
@@ -70,9 +71,12 @@ class CommitmentCheckpointStore {
 class FileCommitmentCheckpointStore final : public CommitmentCheckpointStore {
  public:
   static constexpr std::int64_t currentSchemaVersion = 1;
-  /// More than any checkpoint that core::ScopeCapacity lets come about takes, even if every byte of
-  /// every name were escaped. A larger file is not ours and is not read into memory.
-  static constexpr std::size_t fileBytesMax = std::size_t{256} << 20;
+  /// What a file can take at most: the largest Scope, every byte of every name escaped as \u0001
+  /// is, each name in quotes with a comma, all of it in Base64 with every digit escaped. A larger
+  /// file is not ours and is not read into memory; a smaller bound would refuse on load what could
+  /// be saved.
+  static constexpr std::size_t fileBytesMax =
+      2 * 4 * (2 * core::ScopeCapacity::nameBytesMax + core::ScopeCapacity::domainsMax + 1'024);
 
   /// The file's top-level record.
   struct Envelope {
