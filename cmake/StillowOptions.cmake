@@ -36,5 +36,14 @@ endif()
 if(STILLOW_SANITIZERS)
   target_compile_options(stillow_options INTERFACE
     -fsanitize=${STILLOW_SANITIZERS} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  if(STILLOW_SANITIZERS MATCHES "undefined")
+    # A check at every member access doubles the time of a build, and finds what a fault or the address
+    # sanitizer finds as well.
+    target_compile_options(stillow_options INTERFACE -fno-sanitize=null,alignment,vptr,object-size)
+  endif()
   target_link_options(stillow_options INTERFACE -fsanitize=${STILLOW_SANITIZERS})
+endif()
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+  # An executable names just the libraries that it uses.
+  target_link_options(stillow_options INTERFACE -Wl,--as-needed)
 endif()
