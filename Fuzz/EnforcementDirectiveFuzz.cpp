@@ -7,6 +7,7 @@
 
 #include "StillowCore/Coding.hpp"
 #include "StillowCore/Invariant.hpp"
+#include "StillowCore/Text.hpp"
 #include "StillowFiltering/EnforcementDirective.hpp"
 #include "StillowFiltering/FlowClassifier.hpp"
 
@@ -28,6 +29,8 @@ void tryInForce(const EnforcementDirective& directive) {
   for (const core::Domain& domain : domains) {
     if (++count > domainsTried) break;
     require(classifier.blocks(domain.name(), now), "a name that is listed is blocked");
+    // A combining mark at the front would join the dot, which then separates nothing.
+    if (!core::text::isASCII(domain.name().front())) continue;
     require(classifier.blocks("below." + domain.name(), now), "and what lies below it");
   }
   const filtering::FlowEvidence nothing{};
