@@ -245,8 +245,7 @@ class PlainAssociations {
     entry.names.emplace_back(name, now);
     const auto namesMax = std::max<std::int64_t>(limits_.maximumNamesPerAddress, 0);
     if (std::ssize(entry.names) > namesMax) {
-      std::ranges::stable_sort(
-          entry.names, {}, [](const auto& pair) { return pair.second.secondsSinceReferenceDate; });
+      sortByTime(entry.names, [](const auto& pair) { return pair.second; });
       entry.names.erase(entry.names.begin(), entry.names.end() - namesMax);
     }
     entries_.push_back(entry);
