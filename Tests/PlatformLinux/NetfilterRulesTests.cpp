@@ -166,7 +166,7 @@ TEST(InstalledRules, countsOurJumpsAndRulesAndNobodyElses) {
 TEST(NetfilterRules, areInPlaceOnlyWhenNothingIsMissing) {
   const InstalledRules whole{.hold = {.output = 1, .forward = 1},
                              .verdict = {.output = 1, .forward = 1},
-                             .holdRules = 5,
+                             .holdRules = 6,
                              .answerRules = 3,
                              .verdictRules = 2};
   for (const auto family : families) {

@@ -150,7 +150,9 @@ TEST_F(PacketJudgeTest, forgetsADecisionAfterItsLifetime) {
 
 TEST_F(PacketJudgeTest, judgesANewConnectionOverTheSamePortsAnew) {
   EXPECT_EQ(request(flowTo(1), "blocked.example", {.sequence = 1'000}), PacketAnswer::drop);
-  EXPECT_EQ(request(flowTo(1), "neighbour.example", {.sequence = 3'000'000}),
+  EXPECT_EQ(request(flowTo(1), "neighbour.example", {.sequence = 1'000 + 65'535}),
+            PacketAnswer::drop);
+  EXPECT_EQ(request(flowTo(1), "neighbour.example", {.sequence = 1'000 + 65'536}),
             PacketAnswer::release);
   EXPECT_EQ(request(flowTo(1), "blocked.example", {.sequence = 2'000'000'000, .isSYN = true}),
             PacketAnswer::drop);
@@ -209,13 +211,18 @@ TEST_F(PacketJudgeTest, givesUpTheOldestUndecidedFlowWhenThereAreTooMany) {
 }
 
 TEST_F(PacketJudgeTest, staysWithinItsBoundsUnderAFloodOfDatagrams) {
-  const Bytes garbage(1'200, 0xc3);
   for (std::uint16_t port = 1; port <= 20'000; ++port) {
-    ASSERT_EQ(judge(udpPacket(flowTo(1, port, FlowKey::Protocol::udp), garbage)),
-              PacketAnswer::release);
+    // Of one version that nobody knows, and of version 1 with a tag that is none.
+    const Bytes garbage = port % 2 == 0 ? Bytes(1'200, 0xc3) : [] {
+      Bytes bytes{0xc0, 0, 0, 0, 1, 0, 0, 0, 0x44, 0xa0};
+      bytes.resize(1'200, 0x5a);
+      return bytes;
+    }();
+    ASSERT_NE(judge(udpPacket(flowTo(1, port, FlowKey::Protocol::udp), garbage)),
+              PacketAnswer::drop);
+    ASSERT_LE(judge_.decisionCount(), 64U);
+    ASSERT_LE(judge_.undecidedCount(), 4U);
   }
-  EXPECT_LE(judge_.decisionCount(), 64U);
-  EXPECT_EQ(judge_.undecidedCount(), 0U);
 }
 
 TEST_F(PacketJudgeTest, readsNamesFromQUICInOneAndInTwoDatagrams) {
@@ -260,6 +267,7 @@ TEST_F(PacketJudgeTest, namesTheReleasedFlowsThatAGrownScopeBlocks) {
   EXPECT_THAT(judge_.reviseDecisions(start), IsEmpty());
   adopt({"blocked.example", "neighbour.example"});
   EXPECT_THAT(judge_.reviseDecisions(start), ElementsAre(flowTo(1, 1)));
+  EXPECT_THAT(judge_.reviseDecisions(start), IsEmpty()) << "named once";
   EXPECT_EQ(judge(tcpPacket(flowTo(1, 1), bytesOf("more"), {.sequence = 1'100})),
             PacketAnswer::drop);
   EXPECT_EQ(judge(tcpPacket(flowTo(1, 2), bytesOf("more"), {.sequence = 1'100})),

@@ -73,6 +73,13 @@ TablePart manglePart(IPFamily family) {
           // this table again and no rule of anybody else is skipped).
           {hold,
            {"-m", "mark", "!", "--mark", masked(FlowMark::undecided), "-g", std::string(answer)}},
+          // A new connection over the ports of an earlier one. Connection tracking may still hold
+          // the old entry (always, if it ended by a reset from the far side, which is what the
+          // client of a dropped flow sees), and the old decision with it.
+          {hold,
+           {"-p", "tcp", "-m", "tcp", "--syn", "-m", "conntrack", "--ctdir", "ORIGINAL", "-m",
+            "connmark", "!", "--mark", masked(FlowMark::undecided), "-j", "CONNMARK", "--set-xmark",
+            masked(FlowMark::undecided)}},
           // Decided: where bulk traffic leaves. Not ACCEPT, which would skip others' rules.
           {hold, {"-m", "connmark", "!", "--mark", masked(FlowMark::undecided), "-j", "RETURN"}},
           queueRule("tcp", isV4 ? tcpPayloadIPv4 : tcpPayloadIPv6),

@@ -9,9 +9,10 @@ namespace {
 
 using filtering::NameReading;
 
-/// Sequence numbers of one connection that are seen before and shortly after its decision lie this
-/// close together. Further away it is another connection between the same ports.
-constexpr std::uint32_t sequenceWindow = 1U << 20U;
+/// How far from a connection's first segment those lie that are still asked about: what a client
+/// sends in one go. Another connection between the same ports soon lies further ahead, because the
+/// numbers that connections begin with advance by 16 million a second.
+constexpr std::uint32_t sequenceWindow = 1U << 16U;
 
 bool isSameFlow(const PacketHeaders& packet, std::uint32_t firstSequence) noexcept {
   if (packet.flow.protocol == FlowKey::Protocol::udp) return true;
@@ -161,6 +162,8 @@ std::vector<FlowKey> PacketJudge::reviseDecisions(Moment now) {
   released_.visit([&](const FlowKey& key, std::string_view name) {
     if (classifier_.blocks(name, now.date)) flowsToCut.push_back(key);
   });
+  // Once is enough: what is cut now need not be looked at after each further directive.
+  for (const auto& key : flowsToCut) released_.record(key, {});
   return flowsToCut;
 }
 

@@ -138,6 +138,31 @@ class Flows(FilterTestCase):
         self.assertEqual(counters["dropped"], 1)
         self.assertEqual(web.requests(), [])
 
+    def test_a_new_connection_over_the_ports_of_a_decided_one_is_judged_anew(self):
+        """Connection tracking keeps an entry that ended by a reset from the far side, and its mark
+        with it, for a while, also for the next connection over the same ports."""
+        web = self.start_server()
+        expected = [("blocked.example", "reset"), ("neighbour.example", "ok neighbour.example"),
+                    ("blocked.example", "reset")]
+        for host, result in expected:
+            with self.client.entered():
+                tcp = socket.socket()
+            tcp.settimeout(60)
+            tcp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            tcp.bind((self.link.left_ipv4, 45_678))
+            tcp.connect((self.link.right_ipv4, 80))
+            tcp.send(request(host))
+            self.assertEqual(answer(tcp), result)
+            if result != "reset":
+                # The server's end closes it, by a reset.
+                self.server.run("ss", "-K", "dst", self.link.left_ipv4, "dport", "=", "45678")
+                with self.assertRaises(ConnectionResetError):
+                    tcp.recv(1)
+            tcp.close()
+            # The server's end of a dropped connection does not know of its end.
+            self.server.run("ss", "-K", "dst", self.link.left_ipv4, "dport", "=", "45678")
+        self.assertEqual(len(web.requests()), 1)
+
     def test_datagrams_back_to_back_are_one_flow(self):
         """Of two datagrams that wait in the queue together only one can make an entry in
         connection tracking; the mark on the other is lost, so that further ones come back."""
