@@ -49,7 +49,8 @@ NameReading QUICInitialReader::take(WireBytes datagram, QUICInitialCrypto& crypt
   if (!reading.needsMore()) return reading;
 
   const bool isUnreadable = hasInitial && !attempt_;
-  const bool mayContinue = (hasInitial || hasEarlyData) && !hasLaterPacket && !isUnreadable;
+  const bool isOnItsWay = hasInitial || hasEarlyData || mayLeadToAnotherQUICVersion(datagram);
+  const bool mayContinue = isOnItsWay && !hasLaterPacket && !isUnreadable;
   if (!mayContinue || offeredBytes_ >= offeredBytesMax) return giveUp();
   return reading;
 }
@@ -125,6 +126,8 @@ QUICInitialReader::FramesEnd QUICInitialReader::takeFrames(WireBytes frames) noe
     if (!type) return FramesEnd::malformed;
     switch (*type) {
       case padding:
+        cursor.skipZeros();
+        break;
       case ping:
         break;
       case ack:

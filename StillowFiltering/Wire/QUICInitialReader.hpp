@@ -16,7 +16,8 @@ struct QUICLongPacket;
 
 /// Reads the name of one UDP flow from the ClientHello in its QUIC Initial packets (versions 1 and
 /// 2). Datagrams may come in any order and more than once, the CRYPTO frames in them too; packets
-/// may share a datagram. Anything that is not QUIC is `none` at its first datagram.
+/// may share a datagram. Anything that is not QUIC is `none` at its first datagram; a client that
+/// begins in an unknown version is waited for, since the server makes it take another.
 ///
 /// About 5 KiB, trivially copyable, cheap to construct: try a flow's first datagram with a reader
 /// on the stack and put a copy of it into a bounded flow table only if that needs more. Not safe

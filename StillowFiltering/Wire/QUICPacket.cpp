@@ -18,14 +18,21 @@ std::optional<QUICLongPacket::Kind> packetKind(QUICVersion version,
   return (version == QUICVersion::v2 ? v2Kinds : v1Kinds)[firstByte >> 4 & 3];
 }
 
+constexpr bool isLongHeader(std::uint8_t firstByte) noexcept {
+  return (firstByte & longHeaderBit) != 0 && (firstByte & fixedBit) != 0;
+}
+
+/// Of any number, known or not.
 std::optional<QUICVersion> readVersion(QUICFieldCursor& cursor) noexcept {
   const auto bytes = cursor.bytes(4);
   if (!bytes) return std::nullopt;
   std::uint32_t number = 0;
   for (const std::uint8_t byte : *bytes) number = number << 8 | byte;
-  const auto version = static_cast<QUICVersion>(number);
-  if (version != QUICVersion::v1 && version != QUICVersion::v2) return std::nullopt;
-  return version;
+  return static_cast<QUICVersion>(number);
+}
+
+constexpr bool isKnown(QUICVersion version) noexcept {
+  return version == QUICVersion::v1 || version == QUICVersion::v2;
 }
 
 std::optional<WireBytes> readConnectionID(QUICFieldCursor& cursor) noexcept {
@@ -65,14 +72,18 @@ bool QUICFieldCursor::skipVarints(std::uint64_t count) noexcept {
   return true;
 }
 
+void QUICFieldCursor::skipZeros() noexcept {
+  std::size_t count = 0;
+  while (count < rest_.size() && rest_[count] == 0) ++count;
+  rest_ = rest_.subspan(count);
+}
+
 std::optional<QUICLongPacket> QUICLongPacket::read(WireBytes bytes) noexcept {
   QUICFieldCursor cursor{bytes};
   const auto firstByte = cursor.byte();
-  if (!firstByte || (*firstByte & longHeaderBit) == 0 || (*firstByte & fixedBit) == 0) {
-    return std::nullopt;
-  }
+  if (!firstByte || !isLongHeader(*firstByte)) return std::nullopt;
   const auto version = readVersion(cursor);
-  if (!version) return std::nullopt;
+  if (!version || !isKnown(*version)) return std::nullopt;
   const auto kind = packetKind(*version, *firstByte);
   if (!kind) return std::nullopt;
   const auto destination = readConnectionID(cursor);
@@ -92,6 +103,17 @@ std::optional<QUICLongPacket> QUICLongPacket::read(WireBytes bytes) noexcept {
                         .header = header,
                         .protectedPart = *protectedPart,
                         .rest = cursor.rest()};
+}
+
+bool mayLeadToAnotherQUICVersion(WireBytes datagram) noexcept {
+  constexpr std::size_t firstDatagramBytesMin = 1'200;
+  constexpr QUICVersion negotiation{0};  // only servers send it
+  QUICFieldCursor cursor{datagram};
+  const auto firstByte = cursor.byte();
+  if (!firstByte || !isLongHeader(*firstByte)) return false;
+  const auto version = readVersion(cursor);
+  return version && *version != negotiation && !isKnown(*version) &&
+         datagram.size() >= firstDatagramBytesMin;
 }
 
 std::uint64_t fullQUICPacketNumber(std::uint64_t expected, std::uint64_t truncated,

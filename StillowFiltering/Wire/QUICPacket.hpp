@@ -22,6 +22,9 @@ class QUICFieldCursor {
   /// large `count` is.
   [[nodiscard]] bool skipVarints(std::uint64_t count) noexcept;
 
+  /// Takes the zeros that come next: PADDING frames, which fill most of a client's Initial.
+  void skipZeros() noexcept;
+
   [[nodiscard]] WireBytes rest() const noexcept { return rest_; }
 
  private:
@@ -46,6 +49,12 @@ struct QUICLongPacket {
   /// None unless `bytes` begin with a whole packet that a client sends in a version known here.
   [[nodiscard]] static std::optional<QUICLongPacket> read(WireBytes bytes) noexcept;
 };
+
+/// True for a datagram that a server answers with the versions it knows: the client has put a
+/// version into it that nobody here reads, and goes on in another one from the same port. Such a
+/// datagram is as large as every first one (RFC 9000, 6.1 and 14.1), which tells it from other
+/// protocols.
+[[nodiscard]] bool mayLeadToAnotherQUICVersion(WireBytes datagram) noexcept;
 
 /// The packet number closest to `expected` whose low `byteCount` bytes are `truncated` (RFC 9000,
 /// A.3).

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "StillowFiltering/Wire/FlowNameReader.hpp"
+#include "TestSupport/AllocationCount.hpp"
 #include "WireFixtures.hpp"
 #include "WireTesting.hpp"
 
@@ -235,6 +236,20 @@ TEST(FlowNameReader, givesUpAFlowWhoseGapNeverCloses) {
     ASSERT_EQ(text(reader.take({sequence, false, later})), "need more") << i;
   }
   EXPECT_EQ(text(reader.take({2, false, later})), "none");
+}
+
+TEST(FlowNameReader, allocatesNothing) {
+  for (const auto& capture : captures) {
+    const SentStream stream{loadFixture(capture.fixture), 9};
+    const std::size_t before = test::allocationsOfThisThread();
+    FlowNameReader whole;
+    (void)whole.take(stream.segment({0, stream.size()}));
+    FlowNameReader pieces;
+    (void)pieces.take(stream.syn());
+    (void)pieces.take(stream.segment({20, stream.size() - 20}));
+    (void)pieces.take(stream.segment({0, 40}));
+    EXPECT_EQ(test::allocationsOfThisThread(), before) << capture.fixture;
+  }
 }
 
 TEST(FlowNameReader, mayBeCopiedWhileItWaits) {

@@ -291,6 +291,16 @@ TEST_F(QUICInitialReaderTest, startsAnewAfterARetry) {
             "quic.example.com");
 }
 
+TEST_F(QUICInitialReaderTest, waitsForAClientThatBeginsInAnUnknownVersion) {
+  const Bytes unknown = loadDatagrams("ngtcp2-quic-unknown-version.datagrams").at(0);
+  EXPECT_EQ(takeAll({unknown, sealer_.seal(cryptoFrame(0, hello_))}), "quic.example.com");
+  EXPECT_EQ(takeAll({Bytes(unknown.begin(), unknown.end() - 1)}), "none") << "no server answers";
+
+  const std::size_t rounds = (QUICInitialReader::offeredBytesMax - 1) / unknown.size();
+  EXPECT_EQ(takeAll(std::vector<Bytes>(rounds, unknown)), "need more");
+  EXPECT_EQ(take(unknown), "none") << "nobody waits for ever";
+}
+
 TEST_F(QUICInitialReaderTest, doesNotMixTheHellosOfTwoAttempts) {
   const Bytes otherHello =
       helloMessage({{.type = 51, .body = Bytes(600, 0x66)}, serverName("next.example.org")});

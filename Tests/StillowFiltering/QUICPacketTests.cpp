@@ -39,6 +39,17 @@ TEST(QUICFieldCursor, takesNothingPastTheEnd) {
   EXPECT_FALSE(cursor.skipVarints(~std::uint64_t{0}));
 }
 
+TEST(QUICFieldCursor, skipsZerosUpToTheFirstOtherByteOrTheEnd) {
+  const Bytes bytes = fromHex("0000000100");
+  QUICFieldCursor cursor{bytes};
+  cursor.skipZeros();
+  EXPECT_EQ(cursor.rest().size(), 2U);
+  cursor.skipZeros();
+  EXPECT_EQ(cursor.byte(), 1);
+  cursor.skipZeros();
+  EXPECT_TRUE(cursor.rest().empty());
+}
+
 // RFC 9000, A.3.
 TEST(QUICPacketNumber, isTheOneClosestToTheExpected) {
   EXPECT_EQ(fullQUICPacketNumber(0xa82f30eb, 0x9b32, 2), 0xa82f9b32U);
