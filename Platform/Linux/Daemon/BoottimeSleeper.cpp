@@ -4,6 +4,7 @@
 #include <chrono>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
@@ -97,6 +98,12 @@ Task<SleepOutcome> sleepOn(SleepStrand strand, std::chrono::nanoseconds duration
 }
 
 }  // namespace
+
+BoottimeSleeper::BoottimeSleeper(Executor executor) : executor_(std::move(executor)) {
+  // Makes the context open the descriptors that it needs for itself, while there are some: it would
+  // throw in the middle of a sleep otherwise.
+  const asio::steady_timer first(executor_);
+}
 
 Task<SleepOutcome> BoottimeSleeper::sleep(std::chrono::nanoseconds duration,
                                           Cancellation cancellation) {

@@ -12,7 +12,7 @@ namespace stillow::platform {
 /// thread_pool.
 class BoottimeSleeper final : public concurrency::Sleeper {
  public:
-  explicit BoottimeSleeper(concurrency::Executor executor) : executor_(std::move(executor)) {}
+  explicit BoottimeSleeper(concurrency::Executor executor);
 
   [[nodiscard]] concurrency::Task<concurrency::SleepOutcome> sleep(
       std::chrono::nanoseconds duration, concurrency::Cancellation cancellation) override;
