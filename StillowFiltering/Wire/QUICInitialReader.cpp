@@ -17,8 +17,8 @@ NameReading QUICInitialReader::take(WireBytes datagram, QUICInitialCrypto& crypt
   offeredBytes_ += datagram.size();
 
   std::array<std::uint8_t, packetPayloadBytesMax> plaintext;
-  // Only these say that the hello may still be on its way. Any other datagram comes after the
-  // server has answered all of it, or is not QUIC.
+  // Initials, early data and a call for another version say that the hello may still be on its way.
+  // Any other datagram comes after the server has answered all of it, or is not QUIC.
   bool hasInitial = false;
   bool hasEarlyData = false;
   bool hasLaterPacket = false;
