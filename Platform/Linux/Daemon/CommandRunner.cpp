@@ -12,7 +12,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/mman.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +30,11 @@ using Reason = CommandFailure::Reason;
 constexpr std::chrono::milliseconds deathMax{500};
 
 std::string messageOf(int error) { return std::generic_category().message(error); }
+
+/// The library's own wrapper cannot be linked from C++ with every version of it.
+FileDescriptor openPidfd(pid_t pid) {
+  return FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
+}
 
 struct Pipe {
   FileDescriptor readEnd;
@@ -235,7 +240,7 @@ std::expected<CommandResult, CommandFailure> CommandRunner::run(const Command& c
   const auto spawned = spawn(programPath(name), command.arguments, input.get(),
                              outputPipe->writeEnd.get(), errorPipe->writeEnd.get());
   if (!spawned) return notStarted(spawned.error());
-  const Child child{.pid = *spawned, .pidfd = FileDescriptor(::pidfd_open(*spawned, 0))};
+  const Child child{.pid = *spawned, .pidfd = openPidfd(*spawned)};
   if (!child.pidfd) {
     const int error = errno;
     if (!child.end()) abandon(child.pid);

@@ -124,7 +124,7 @@ struct NetfilterConfiguration::Steps {
   Outcome<FilterPathReadiness> readBack() const;
 
   Outcome<InstalledRules> installedRules(IPFamily family) const;
-  Outcome<void> armFamily(IPFamily family) const;
+  Outcome<void> armFamily(IPFamily family, std::vector<IPFamily>& changed) const;
   Outcome<void> disarmFamily(IPFamily family) const;
   template <class MakeText>
   Outcome<void> load(IPFamily family, MakeText makeText) const;
@@ -183,11 +183,17 @@ NetfilterConfiguration::Steps::Outcome<void> NetfilterConfiguration::Steps::load
   }
 }
 
+/// Notes in `changed` if the rules were not in place before. Those that were are not ours to take
+/// back, should the other family fail: they still block, and half of it is more than nothing.
 NetfilterConfiguration::Steps::Outcome<void> NetfilterConfiguration::Steps::armFamily(
-    IPFamily family) const {
-  return load(family, [family](const InstalledRules& installed) {
+    IPFamily family, std::vector<IPFamily>& changed) const {
+  bool wasInPlace = true;
+  const auto armed = load(family, [family, &wasInPlace](const InstalledRules& installed) {
+    wasInPlace = wasInPlace && NetfilterRules::areInPlace(family, installed);
     return NetfilterRules::armText(family, installed);
   });
+  if (!wasInPlace) changed.push_back(family);
+  return armed;
 }
 
 NetfilterConfiguration::Steps::Outcome<void> NetfilterConfiguration::Steps::disarmFamily(
@@ -208,12 +214,7 @@ NetfilterConfiguration::Steps::Outcome<void> NetfilterConfiguration::Steps::arm(
   }
   std::vector<IPFamily> changed;
   for (const IPFamily family : families()) {
-    const auto before = installedRules(family);
-    if (!before) return std::unexpected(before.error());
-    // Rules that were in place before are not ours to take back, should this fail: they still
-    // block, and half of it is more than nothing.
-    if (!NetfilterRules::areInPlace(family, *before)) changed.push_back(family);
-    const auto armed = armFamily(family);
+    const auto armed = armFamily(family, changed);
     if (armed) continue;
     for (const IPFamily undone : changed) (void)disarmFamily(undone);
     return armed;
