@@ -15,7 +15,10 @@
 #endif
 
 #if STILLOW_HAS_ALLOCATION_HOOKS
-#include <sanitizer/allocator_interface.h>
+// Not every compiler ships the sanitizer's header that has this.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void*,
+                                                                  std::size_t),
+                                                         void (*)(const volatile void*));
 #endif
 
 namespace {
