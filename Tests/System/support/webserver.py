@@ -1,5 +1,7 @@
 """nginx for several names on one address, with certificates of an authority made for the test."""
 
+import signal
+
 from processes import run, wait_until
 
 
@@ -38,6 +40,7 @@ class WebServer:
     def __init__(self, namespace, directory, authority, names, extra_http=""):
         directory.mkdir(parents=True, exist_ok=True)
         certificate, key = authority.issue(names)
+        self._directory = directory
         self._access_log = directory / "access.log"
         configuration = directory / "nginx.conf"
         configuration.write_text(f"""
@@ -78,3 +81,10 @@ http {{
     def requests(self):
         """One line for each request that was answered: host, protocol, path."""
         return self._access_log.read_text(encoding="utf-8").splitlines()
+
+    def reload(self):
+        """Has nginx read its configuration again; returns when the new one answers."""
+        before = (self._directory / "error.log").read_text(errors="replace").count("reconfiguring")
+        self._process.send_signal(signal.SIGHUP)
+        wait_until(lambda: (self._directory / "error.log").read_text(
+            errors="replace").count("start worker process ") > before + 1, "nginx to reload")

@@ -1,0 +1,187 @@
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+#include <systemd/sd-daemon.h>
+
+#include "PlatformLinuxDaemon/BoottimeSleeper.hpp"
+#include "PlatformLinuxDaemon/CommandRunner.hpp"
+#include "PlatformLinuxDaemon/ContinuousMonotonicTimeSource.hpp"
+#include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
+#include "PlatformLinuxDaemon/NetfilterConfiguration.hpp"
+#include "PlatformLinuxDaemon/StateDirectoryLock.hpp"
+#include "PlatformLinuxDaemon/SystemFilterPathObserver.hpp"
+#include "PlatformLinuxDaemon/SystemNetworkPathObserver.hpp"
+#include "PlatformLinuxDaemon/SystemProjectionInvalidationSource.hpp"
+#include "PlatformLinuxIPC/DaemonSocket.hpp"
+#include "PlatformLinuxIPC/UnixSocketDaemonConnector.hpp"
+#include "PlatformLinuxIPC/UnixSocketDaemonListener.hpp"
+#include "PlatformLinuxPeer/CodeSigningAnchor.hpp"
+#include "PlatformLinuxPeer/RootDaemon.hpp"
+#include "PlatformLinuxPeer/SignedExecutableIdentifier.hpp"
+#include "PlatformLinuxPeer/SignedExecutablePeerIdentifier.hpp"
+#include "StillowConcurrency/ThreadBlockingExecutor.hpp"
+#include "StillowDaemon/DaemonPlatform.hpp"
+#include "StillowFiltering/EnforcementDirectiveStore.hpp"
+#include "StillowFiltering/Storage/PosixFileSystem.hpp"
+#include "StillowIPC/StillowDaemonService.hpp"
+
+namespace stillow::platform {
+
+namespace {
+
+using concurrency::ThreadBlockingExecutor;
+using daemon::Daemon;
+using daemon::LogLine;
+
+constexpr const char* stateDirectory = STILLOW_STATE_DIRECTORY;
+/// One thread could do: two keep a status from waiting behind the encoding of a large one.
+constexpr int executorThreads = 2;
+
+core::Date systemTime() {
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
+}
+
+/// Lives until the process ends, like everything that is built from it.
+class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
+ public:
+  LinuxDaemonPlatform() {
+    // A client that goes away in mid-answer is an error of a write, not the end of the daemon.
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    for (int i = 0; i < executorThreads; ++i) {
+      std::thread([this] { context_.run(); }).detach();
+    }
+  }
+
+  concurrency::Executor executor() override { return context_.get_executor(); }
+  std::shared_ptr<concurrency::Sleeper> sleeper() override { return sleeper_; }
+
+  std::shared_ptr<ipc::DaemonConnecting> daemonServices() override {
+    return std::make_shared<UnixSocketDaemonConnector>(
+        UnixSocketDaemonConnector::Dependencies{.executor = executor(),
+                                                .sleeper = sleeper_,
+                                                .socketPath = socketPath(),
+                                                .requireDaemon = requireRootDaemon});
+  }
+
+  std::expected<Daemon::Adapters, std::string> becomeDaemon(LogLine log) override {
+    auto lock = StateDirectoryLock::acquire(fileSystem_, stateDirectory, [&log] {
+      log("Another daemon holds the state directory; waiting for it to end.");
+    });
+    if (!lock) return std::unexpected(lock.error().description);
+    lock_ = std::make_unique<StateDirectoryLock>(std::move(*lock));
+
+    auto anchor = CodeSigningAnchor::installed();
+    if (!anchor) log("Nobody can be let in: " + anchor.error());
+    const auto identifier =
+        std::make_shared<SignedExecutableIdentifier>(std::move(anchor), systemTime);
+    const std::string directivePath =
+        std::string(stateDirectory) + "/" +
+        std::string(filtering::FileEnforcementDirectiveStore::fileName);
+    // The lock has made the directory.
+    const auto filterPath = std::make_shared<SystemFilterPathObserver>(executor(), directivePath);
+    if (!filterPath->problems().empty()) log(filterPath->problems());
+    const auto queue = std::make_shared<KernelFilterQueueInspector>(
+        [identifier](const PinnedProcess& process) { return identifier->identify(process); },
+        filterPath->processWatch());
+    const SocketLimits limits;
+    return Daemon::Adapters{
+        .executor = executor(),
+        .storage = std::make_shared<ThreadBlockingExecutor>(1),
+        .sleeper = sleeper_,
+        .wallClock = systemTime,
+        .monotonic = std::make_shared<ContinuousMonotonicTimeSource>(),
+        .invalidations = std::make_shared<SystemProjectionInvalidationSource>(executor()),
+        .filterConfiguration =
+            std::make_shared<NetfilterConfiguration>(NetfilterConfiguration::Collaborators{
+                .blocking = std::make_shared<ThreadBlockingExecutor>(1),
+                .commands = std::make_shared<CommandRunner>(),
+                .queue = queue}),
+        .filterPath = filterPath,
+        .connector =
+            std::make_shared<CurlDiagnosticConnector>(std::make_shared<ThreadBlockingExecutor>(1)),
+        .networkPaths = std::make_shared<SystemNetworkPathObserver>(executor(), sleeper_),
+        .directives =
+            std::make_shared<filtering::FileEnforcementDirectiveStore>(fileSystem_, directivePath),
+        .checkpoints = authority::DurableCommitmentStore(fileSystem_, stateDirectory, log),
+        .listener =
+            std::make_shared<UnixSocketDaemonListener>(UnixSocketDaemonListener::Dependencies{
+                .executor = executor(),
+                .blocking = std::make_shared<ThreadBlockingExecutor>(limits.peerChecksMax),
+                .sleeper = sleeper_,
+                .peers = std::make_shared<SignedExecutablePeerIdentifier>(identifier),
+                .socketPath = socketPath(),
+                .log = [log](const std::string& line) { log(line); },
+                .limits = limits}),
+        .requirement = {},
+        .log = log};
+  }
+
+  void noteServing(std::shared_ptr<Daemon> served) override {
+    (void)::sd_notify(0, "READY=1");  // without a service manager there is nobody to tell
+    std::uint64_t microseconds = 0;
+    if (::sd_watchdog_enabled(0, &microseconds) <= 0) return;
+    concurrency::spawn(executor(), feedWatchdog(sleeper_, std::move(served),
+                                                std::chrono::microseconds(microseconds / 3)));
+  }
+
+ private:
+  /// A daemon whose authority does not answer is as good as dead, whatever else still turns.
+  static concurrency::Task<void> feedWatchdog(std::shared_ptr<concurrency::Sleeper> sleeper,
+                                              std::shared_ptr<Daemon> served,
+                                              std::chrono::microseconds interval) {
+    while (true) {
+      (void)co_await served->authority()->status();
+      (void)::sd_notify(0, "WATCHDOG=1");
+      (void)co_await sleeper->sleep(interval, {});
+    }
+  }
+
+  static std::filesystem::path socketPath() {
+    return daemonSocketPath(ipc::StillowDaemonService::machServiceName);
+  }
+
+  boost::asio::io_context context_{executorThreads};
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_{
+      context_.get_executor()};
+  std::shared_ptr<BoottimeSleeper> sleeper_ =
+      std::make_shared<BoottimeSleeper>(context_.get_executor());
+  filtering::PosixFileSystem fileSystem_;
+  std::unique_ptr<StateDirectoryLock> lock_;
+};
+
+}  // namespace
+
+}  // namespace stillow::platform
+
+namespace stillow::daemon {
+
+std::shared_ptr<DaemonPlatform> makeDaemonPlatform() {
+  // Never destroyed: its threads run until the process ends.
+  static auto* const platform =
+      new std::shared_ptr<DaemonPlatform>(std::make_shared<platform::LinuxDaemonPlatform>());
+  return *platform;
+}
+
+void writeLogLine(std::string_view line) {
+  static const auto logger = [] {
+    auto made = spdlog::stderr_logger_mt("stillow");
+    // The journal adds the time.
+    made->set_pattern("%v");
+    made->flush_on(spdlog::level::info);
+    return made;
+  }();
+  logger->info("{}", line);
+}
+
+}  // namespace stillow::daemon
