@@ -9,9 +9,9 @@
 #include "PlatformLinuxFilter/PacketJudge.hpp"
 #include "StillowFiltering/FlowClassifier.hpp"
 
-// The input is a row of packets, each after two bytes of length (big end first) of which the highest
-// bit lets eleven seconds pass before it. All of them go to one judge, whose tables are small enough
-// to be full soon.
+// The input is a row of packets, each after two bytes of length (big end first) of which the
+// highest bit lets eleven seconds pass before it. All of them go to one judge, whose tables are
+// small enough to be full soon.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace stillow;
   using namespace std::chrono_literals;

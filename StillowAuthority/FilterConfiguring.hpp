@@ -21,15 +21,16 @@ struct FilterPathReadiness {
 /// Why a system step failed, in one sentence for the log.
 struct FilterConfigurationError {
   std::string description;
-  friend bool operator==(const FilterConfigurationError&, const FilterConfigurationError&) = default;
+  friend bool operator==(const FilterConfigurationError&,
+                         const FilterConfigurationError&) = default;
 };
 
 /// The switch that decides whether the filter sees traffic.
 class FilterConfiguring {
  public:
   virtual ~FilterConfiguring() = default;
-  /// Brings the system to `desired`; asking again is harmless. On failure the system may be in either
-  /// state, so the caller forgets what it had applied. Bounded in time.
+  /// Brings the system to `desired`; asking again is harmless. On failure the system may be in
+  /// either state, so the caller forgets what it had applied. Bounded in time.
   virtual concurrency::Task<std::expected<void, FilterConfigurationError>> apply(
       FilterArmingState desired) = 0;
   /// Read back from the system every time, never remembered. Bounded in time.

@@ -12,8 +12,8 @@ enum class ProjectionInvalidation : std::uint8_t { systemClockChanged, timeZoneC
 class ProjectionInvalidationSource {
  public:
   virtual ~ProjectionInvalidationSource() = default;
-  /// Begins to watch and gives what happens from now on. The stream ends when the source is destroyed;
-  /// finishing the channel ends the watching.
+  /// Begins to watch and gives what happens from now on. The stream ends when the source is
+  /// destroyed; finishing the channel ends the watching.
   [[nodiscard]] virtual concurrency::Channel<ProjectionInvalidation> invalidations() = 0;
 
  protected:

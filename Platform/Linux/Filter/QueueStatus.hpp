@@ -15,7 +15,7 @@ struct QueueStatus {
   /// Netlink port of whoever is bound. stillow-filter binds with its own process id as the port; of
   /// another program it is the process id only if it was that program's first netlink socket.
   std::uint32_t portID = 0;
-  std::uint32_t waiting = 0;           ///< packets without a verdict, those being judged included
+  std::uint32_t waiting = 0;  ///< packets without a verdict, those being judged included
   /// Packets discarded because the queue, or its holder's socket, was full. Those that pass instead
   /// (a queue bound to fail open, as ours) are not in it.
   std::uint32_t droppedQueueFull = 0;

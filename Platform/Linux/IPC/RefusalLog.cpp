@@ -24,7 +24,8 @@ void RefusalLog::write(std::string line) {
 Task<void> RefusalLog::endWindow(std::weak_ptr<RefusalLog> weak,
                                  std::shared_ptr<concurrency::Sleeper> sleeper,
                                  std::chrono::nanoseconds window) {
-  (void)co_await sleeper->sleep(window, {});
+  const concurrency::Cancellation never;
+  (void)co_await sleeper->sleep(window, never);
   const auto self = weak.lock();
   if (!self) co_return;
   std::size_t lines = 0;

@@ -83,6 +83,7 @@ Task<std::optional<PlatformError>> connect(std::shared_ptr<const Dependencies> d
   if (!error) (void)socket->native_non_blocking(true, error);
   if (error) co_return connectionError(Failure::other, path, error.message());
   const Protocol::endpoint endpoint(path.native());
+  const concurrency::Cancellation never;
   auto left = dependencies->connectTimeMax;
   while (::connect(socket->native_handle(), endpoint.data(),
                    static_cast<socklen_t>(endpoint.size())) != 0) {
@@ -95,7 +96,7 @@ Task<std::optional<PlatformError>> connect(std::shared_ptr<const Dependencies> d
     }
     if (left <= std::chrono::nanoseconds(0)) co_return connectionError(Failure::timedOut, path);
     left -= connectPause;
-    (void)co_await dependencies->sleeper->sleep(connectPause, {});
+    (void)co_await dependencies->sleeper->sleep(connectPause, never);
   }
   if (requiresDaemon) {
     const auto isDaemon = dependencies->requireDaemon(socket->native_handle(), path);
@@ -152,7 +153,11 @@ class UnixSocketDaemonConnector::Connection final
         socket_(std::make_shared<Socket>(strand_)) {}
 
   void resume(bool requiresDaemon) {
-    concurrency::spawn(strand_, run(shared_from_this(), requiresDaemon));
+    // Posted: a connection that fails at once must not tell so inside this call, whose caller may
+    // hold a lock.
+    boost::asio::post(strand_, [self = shared_from_this(), requiresDaemon] {
+      concurrency::spawn(self->strand_, run(self, requiresDaemon));
+    });
   }
 
   void send(ipc::DaemonOperation operation, ipc::SharedBytes request, OnReply onReply,

@@ -90,6 +90,7 @@ class UnixSocketDaemonListener::Acceptor final : public std::enable_shared_from_
 
  private:
   static Task<void> accept(std::shared_ptr<Acceptor> self) {
+    const concurrency::Cancellation never;
     bool isStarved = false;
     while (self->socket_.is_open()) {
       const concurrency::Executor strand = boost::asio::make_strand(self->server_->executor);
@@ -108,7 +109,7 @@ class UnixSocketDaemonListener::Acceptor final : public std::enable_shared_from_
       if (!std::exchange(isStarved, true)) {
         self->server_->log->write("no connection can be accepted: " + error.message());
       }
-      (void)co_await self->server_->sleeper->sleep(self->server_->limits.acceptPause, {});
+      (void)co_await self->server_->sleeper->sleep(self->server_->limits.acceptPause, never);
     }
   }
 
