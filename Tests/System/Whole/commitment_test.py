@@ -272,22 +272,16 @@ class Faults(WholeTestCase):
 class FullDisk(WholeTestCase):
     def test_is_told_and_survived(self):
         # The state directory on a file system of its own that is small enough to fill.
-        mount = self.machine.library
-        run(["mount", "-t", "tmpfs", "-o", "size=256k,mode=755", "full-disk", str(mount)])
-        self.addCleanup(run, ["umount", str(mount)], False)
+        run(self.machine.inside("mount", "-t", "tmpfs", "-o", "size=256k,mode=755", "full-disk",
+                                "/Library"))
         self.start()
         self.begin("10m", "blocked.example")
-        filler = self.machine.state / "filler"
-        with open(filler, "wb") as file:
-            try:
-                while file.write(b"x" * 4096):
-                    file.flush()
-            except OSError:
-                pass
+        filler = "/Library/Application Support/Stillow/filler"
+        run(self.machine.inside("dd", "if=/dev/zero", f"of={filler}", "bs=4k"), check=False)
         added = self.machine.stillow("add", "second.example")
         self.assertEqual(added.returncode, 0)
         wait_until(lambda: "degraded" in self.machine.health(), "the loss to be told")
-        filler.unlink()
+        run(self.machine.inside("rm", filler))
         wait_until(lambda: self.machine.health() == {"healthy": {}}, "health again")
         self.machine.kill(self.machine.daemon)
         self.machine.start_daemon()
