@@ -51,16 +51,7 @@ bool isDeletion(std::uint16_t type) {
   }
 }
 
-FileDescriptor ruleNotifications() {
-  FileDescriptor socket(
-      ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_NETFILTER));
-  if (!socket) return {};
-  const int group = NFNLGRP_NFTABLES;
-  if (::setsockopt(socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
-    return {};
-  }
-  return socket;
-}
+constexpr std::array ruleGroups{static_cast<int>(NFNLGRP_NFTABLES)};
 
 /// Empties the socket; true if anything was deleted, or if notifications were lost.
 bool takeDeletions(int socket) {
@@ -194,7 +185,7 @@ SystemFilterPathObserver::SystemFilterPathObserver(const concurrency::Executor& 
   });
   state_->processWatch = processWatch_;
 
-  State::assign(state_->rules, ruleNotifications());
+  State::assign(state_->rules, openNetlinkNotifications(NETLINK_NETFILTER, ruleGroups));
   if (!state_->rules.is_open()) {
     problems_ = "Deleted rules are not noticed at once: " + lastError() + ".";
   }

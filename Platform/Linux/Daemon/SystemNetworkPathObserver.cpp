@@ -29,19 +29,10 @@ using concurrency::SleepOutcome;
 using concurrency::Task;
 using Descriptor = asio::posix::stream_descriptor;
 
-FileDescriptor notifications() {
-  FileDescriptor socket(
-      ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-  if (!socket) return {};
-  for (const int group : {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
-                          RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE}) {
-    if (::setsockopt(socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) !=
-        0) {
-      return {};
-    }
-  }
-  return socket;
-}
+constexpr std::array groups{static_cast<int>(RTNLGRP_LINK), static_cast<int>(RTNLGRP_IPV4_IFADDR),
+                            static_cast<int>(RTNLGRP_IPV6_IFADDR),
+                            static_cast<int>(RTNLGRP_IPV4_ROUTE),
+                            static_cast<int>(RTNLGRP_IPV6_ROUTE)};
 
 /// Empties the socket; true if the path may have changed, or if notifications were lost.
 bool takeChanges(int socket) {
@@ -127,7 +118,7 @@ SystemNetworkPathObserver::~SystemNetworkPathObserver() {
 
 Channel<NetworkPathSnapshot> SystemNetworkPathObserver::paths() {
   const auto observation = std::make_shared<Observation>(asio::make_strand(executor_), sleeper_);
-  if (FileDescriptor socket = notifications()) {
+  if (FileDescriptor socket = openNetlinkNotifications(NETLINK_ROUTE, groups)) {
     boost::system::error_code error;
     (void)observation->events.assign(socket.get(), error);
     if (!error) (void)socket.release();
