@@ -47,12 +47,13 @@ class Marks(FilterTestCase):
 
     def test_a_sockets_own_mark_survives_the_queue(self):
         self.rules.arm()
-        marked = self.count(0xca6c)
+        marked, unmarked = self.count(0xca6c), self.count(0)
         tcp = self.connect(mark=0xca6c)
         handshake = marked()
         tcp.send(request("neighbour.example"))
         self.assertEqual(answer(tcp), "ok neighbour.example")
         self.assertGreater(marked(), handshake)
+        self.assertEqual(unmarked(), 0)
         listing = "\n".join(self.connections())
         self.assertIn(f"mark={RELEASED}", listing)
 
