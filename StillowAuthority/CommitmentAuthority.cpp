@@ -67,6 +67,13 @@ CommitmentAuthority::CommitmentAuthority(const concurrency::Executor& executor,
       recoverySource_(recovery.source),
       currentFileIsNewer_(recovery.source != Source::current) {}
 
+template <class Work>
+Task<std::invoke_result_t<Work&, CommitmentAuthority&>> CommitmentAuthority::briefTurn(Self self,
+                                                                                       Work work) {
+  const Turn::Holder turn = co_await self->turn_.take();
+  co_return work(*self);
+}
+
 // ---- the operations
 
 Task<DaemonStatus> CommitmentAuthority::status() {
@@ -112,7 +119,10 @@ Task<DaemonStatus> CommitmentAuthority::recordEnforcement(
 }
 
 Task<void> CommitmentAuthority::record(core::EnforcementValidation validation, Date obtainedAt) {
-  return serial_.run(applyValidation(shared_from_this(), validation, obtainedAt));
+  return serial_.run(
+      briefTurn(shared_from_this(), [validation, obtainedAt](CommitmentAuthority& self) {
+        (void)self.machine_.recordValidation(validation, obtainedAt, self.clock_());
+      }));
 }
 
 Task<DaemonStatus> CommitmentAuthority::recordFilterConfiguration(bool isEnabled, bool publishing) {
@@ -129,7 +139,9 @@ Task<DaemonStatus> CommitmentAuthority::recordRunningTime(double seconds,
 }
 
 Task<std::optional<ipc::ActivationValidationRefusal>> CommitmentAuthority::activationRefusal() {
-  return serial_.run(judgeValidation(shared_from_this()));
+  return serial_.run(briefTurn(shared_from_this(), [](CommitmentAuthority& self) {
+    return self.machine_.readiness().activationRefusal(self.clock_());
+  }));
 }
 
 Task<CommitmentAuthority::Subscription> CommitmentAuthority::subscribe(Observer observer) {
@@ -137,15 +149,18 @@ Task<CommitmentAuthority::Subscription> CommitmentAuthority::subscribe(Observer 
 }
 
 Task<void> CommitmentAuthority::unsubscribe(core::UUID token) {
-  return serial_.run(removeObserver(shared_from_this(), token));
+  return serial_.run(briefTurn(
+      shared_from_this(), [token](CommitmentAuthority& self) { self.observers_.erase(token); }));
 }
 
 Task<void> CommitmentAuthority::setFaultReporter(std::weak_ptr<EnforcementFaultReporting> faults) {
-  return serial_.run(replaceFaultReporter(shared_from_this(), std::move(faults)));
+  return serial_.run(briefTurn(shared_from_this(),
+                               [faults](CommitmentAuthority& self) { self.faults_ = faults; }));
 }
 
 Task<Source> CommitmentAuthority::recoverySource() {
-  return serial_.run(answerRecoverySource(shared_from_this()));
+  return serial_.run(briefTurn(shared_from_this(),
+                               [](CommitmentAuthority& self) { return self.recoverySource_; }));
 }
 
 Task<bool> CommitmentAuthority::retryRecovery() {
@@ -227,12 +242,6 @@ Task<DaemonStatus> CommitmentAuthority::answerStatus(Self self, bool publishing)
   co_return *status;
 }
 
-Task<void> CommitmentAuthority::applyValidation(Self self, core::EnforcementValidation validation,
-                                                Date obtainedAt) {
-  const Turn::Holder turn = co_await self->turn_.take();
-  self->machine_.recordValidation(validation, obtainedAt, self->clock_());
-}
-
 Task<DaemonStatus> CommitmentAuthority::applyFilterConfiguration(Self self, bool isEnabled,
                                                                  bool publishing) {
   const Turn::Holder turn = co_await self->turn_.take();
@@ -240,12 +249,6 @@ Task<DaemonStatus> CommitmentAuthority::applyFilterConfiguration(Self self, bool
       self->machine_.recordFilterConfiguration(isEnabled, self->clock_()));
   if (publishing) co_await self->tellObservers(status);
   co_return *status;
-}
-
-Task<std::optional<ipc::ActivationValidationRefusal>> CommitmentAuthority::judgeValidation(
-    Self self) {
-  const Turn::Holder turn = co_await self->turn_.take();
-  co_return self->machine_.readiness().activationRefusal(self->clock_());
 }
 
 Task<CommitmentAuthority::Subscription> CommitmentAuthority::addObserver(Self self,
@@ -259,22 +262,6 @@ Task<CommitmentAuthority::Subscription> CommitmentAuthority::addObserver(Self se
   }
   self->observers_.emplace(token, std::move(observer));
   co_return Subscription{token, self->currentStatus()};
-}
-
-Task<void> CommitmentAuthority::removeObserver(Self self, core::UUID token) {
-  const Turn::Holder turn = co_await self->turn_.take();
-  self->observers_.erase(token);
-}
-
-Task<void> CommitmentAuthority::replaceFaultReporter(
-    Self self, std::weak_ptr<EnforcementFaultReporting> faults) {
-  const Turn::Holder turn = co_await self->turn_.take();
-  self->faults_ = std::move(faults);
-}
-
-Task<Source> CommitmentAuthority::answerRecoverySource(Self self) {
-  const Turn::Holder turn = co_await self->turn_.take();
-  co_return self->recoverySource_;
 }
 
 Task<bool> CommitmentAuthority::recoverAgain(Self self) {

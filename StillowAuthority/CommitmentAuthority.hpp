@@ -123,18 +123,14 @@ class CommitmentAuthority final : public ValidationRecording,
   static concurrency::Task<StatusResult> resolveAndStrengthen(Self self,
                                                               ipc::ScopeAddition addition);
   static concurrency::Task<ipc::DaemonStatus> answerStatus(Self self, bool publishing);
-  static concurrency::Task<void> applyValidation(Self self, core::EnforcementValidation validation,
-                                                 core::Date obtainedAt);
   static concurrency::Task<ipc::DaemonStatus> applyFilterConfiguration(Self self, bool isEnabled,
                                                                        bool publishing);
-  static concurrency::Task<std::optional<ipc::ActivationValidationRefusal>> judgeValidation(
-      Self self);
   static concurrency::Task<Subscription> addObserver(Self self, Observer observer);
-  static concurrency::Task<void> removeObserver(Self self, core::UUID token);
-  static concurrency::Task<void> replaceFaultReporter(
-      Self self, std::weak_ptr<EnforcementFaultReporting> faults);
-  static concurrency::Task<CommitmentStateRecovery::Source> answerRecoverySource(Self self);
   static concurrency::Task<bool> recoverAgain(Self self);
+  /// For what waits for nothing. `work` is called with the authority.
+  template <class Work>
+  static concurrency::Task<std::invoke_result_t<Work&, CommitmentAuthority&>> briefTurn(Self self,
+                                                                                        Work work);
   template <class T>
   static concurrency::Task<T> runInTurn(Self self,
                                         std::function<concurrency::Task<T>(StatusPointer)> body);

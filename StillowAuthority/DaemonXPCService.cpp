@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include <boost/asio/post.hpp>
+
 #include "StillowIPC/DaemonWireCoding.hpp"
 #include "StillowIPC/Requests.hpp"
 
@@ -142,8 +144,13 @@ bool DaemonXPCService::isLive(ipc::ConnectionID connection) {
 // ---- calls
 
 void DaemonXPCService::received(Connection connection, ipc::DaemonCall call) {
-  concurrency::spawn(dependencies_.executor,
-                     serve(weak_from_this(), std::move(connection), std::move(call)));
+  // Posted: spawned on one of the executor's own threads it would begin here, inside the
+  // connection.
+  boost::asio::post(dependencies_.executor,
+                    [executor = dependencies_.executor, weak = weak_from_this(),
+                     connection = std::move(connection), call = std::move(call)] {
+                      concurrency::spawn(executor, serve(weak, connection, call));
+                    });
 }
 
 Task<void> DaemonXPCService::serve(std::weak_ptr<DaemonXPCService> weak, Connection connection,
@@ -292,10 +299,14 @@ Task<void> DaemonXPCService::observe(std::weak_ptr<DaemonXPCService> weak,
                                      std::shared_ptr<StatusOutlet> outlet, StatusPointer status) {
   // Inside the authority's turn: takes the status and leaves.
   if (!outlet->offer(std::move(status))) co_return;
-  if (Self self = weak.lock()) {
-    const concurrency::Executor executor = self->dependencies_.executor;
-    concurrency::spawn(executor, deliver(std::move(self), std::move(outlet)));
-  }
+  Self self = weak.lock();
+  if (!self) co_return;
+  // Posted: spawned it would begin inside the turn, and a status with a million names be encoded
+  // there.
+  const concurrency::Executor executor = self->dependencies_.executor;
+  boost::asio::post(executor, [executor, self = std::move(self), outlet = std::move(outlet)] {
+    concurrency::spawn(executor, deliver(self, outlet));
+  });
 }
 
 Task<void> DaemonXPCService::deliver(Self self, std::shared_ptr<StatusOutlet> outlet) {
