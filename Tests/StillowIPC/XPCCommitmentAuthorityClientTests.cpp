@@ -9,6 +9,7 @@
 #include "ScriptedConnection.hpp"
 #include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
 #include "TestSupport/DeterministicExecutor.hpp"
+#include "TestSupport/ScriptedSleeper.hpp"
 
 namespace stillow::ipc {
 namespace {
@@ -60,7 +61,7 @@ class XPCCommitmentAuthorityClientTest : public ::testing::Test {
 
   test::DeterministicExecutor executor;
   std::shared_ptr<testing::ScriptedDaemon> daemon = std::make_shared<testing::ScriptedDaemon>();
-  std::shared_ptr<testing::ScriptedSleeper> sleeper = std::make_shared<testing::ScriptedSleeper>();
+  std::shared_ptr<test::ScriptedSleeper> sleeper = std::make_shared<test::ScriptedSleeper>();
 };
 
 // ---- the connection
