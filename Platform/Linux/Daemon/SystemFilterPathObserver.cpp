@@ -35,7 +35,7 @@ using concurrency::Channel;
 using concurrency::Task;
 using Descriptor = asio::posix::stream_descriptor;
 
-std::string lastError() { return std::generic_category().message(errno); }
+std::string lastErrorText() { return std::generic_category().message(errno); }
 
 /// Whether a notification says that something was taken away. Only that can have been ours; and
 /// what is added is usually what we add ourselves.
@@ -187,12 +187,12 @@ SystemFilterPathObserver::SystemFilterPathObserver(const concurrency::Executor& 
 
   State::assign(state_->rules, openNetlinkNotifications(NETLINK_NETFILTER, ruleGroups));
   if (!state_->rules.is_open()) {
-    problems_ = "Deleted rules are not noticed at once: " + lastError() + ".";
+    problems_ = "Deleted rules are not noticed at once: " + lastErrorText() + ".";
   }
   State::assign(state_->directory, openings(directivePath.substr(0, slash)));
   if (!state_->directory.is_open()) {
     if (!problems_.empty()) problems_ += ' ';
-    problems_ += "A filter that starts is not noticed at once: " + lastError() + ".";
+    problems_ += "A filter that starts is not noticed at once: " + lastErrorText() + ".";
   }
   concurrency::spawn(state_->strand, State::followRules(state_));
   concurrency::spawn(state_->strand, State::followDirective(state_));

@@ -17,31 +17,24 @@
 #include <sys/time.h>
 
 #include "PlatformLinuxFilter/FlowMark.hpp"
+#include "PlatformLinuxFilter/NetlinkSocket.hpp"
 
 namespace stillow::platform {
 
 namespace {
 
-struct SocketCloser {
-  void operator()(mnl_socket* socket) const noexcept { (void)mnl_socket_close(socket); }
-};
-using Socket = std::unique_ptr<mnl_socket, SocketCloser>;
 using MessageMemory = std::array<std::uint8_t, 512>;
 
-std::unexpected<std::error_code> systemError(int number) {
-  return std::unexpected(std::error_code(number, std::generic_category()));
-}
-
-std::expected<Socket, std::error_code> openSocket(int protocol) {
-  Socket socket(mnl_socket_open2(protocol, SOCK_CLOEXEC));
+std::expected<NetlinkSocket, std::error_code> openSocket(int protocol) {
+  NetlinkSocket socket(mnl_socket_open2(protocol, SOCK_CLOEXEC));
   if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) != 0) {
-    return systemError(errno);
+    return std::unexpected(systemError(errno));
   }
   // The kernel answers before the request returns; the limit is for an answer that got lost.
   const timeval limit{.tv_sec = 1, .tv_usec = 0};
   if (::setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVTIMEO, &limit,
                    sizeof(limit)) != 0) {
-    return systemError(errno);
+    return std::unexpected(systemError(errno));
   }
   return socket;
 }
@@ -115,8 +108,8 @@ int markConnection(mnl_socket& socket, const FlowKey& flow, std::uint32_t sequen
 }  // namespace
 
 struct FlowCutter::Impl {
-  Socket diagnostics;
-  Socket connections;
+  NetlinkSocket diagnostics;
+  NetlinkSocket connections;
   std::uint32_t sequence = 0;
 };
 
@@ -141,7 +134,7 @@ std::expected<FlowCutter::Outcome, std::error_code> FlowCutter::cut(const FlowKe
     destroyError = destroySocket(*impl_->diagnostics, flow, ++impl_->sequence);
   }
   for (const int error : {markError, destroyError}) {
-    if (error != 0 && error != ENOENT) return systemError(error);
+    if (error != 0 && error != ENOENT) return std::unexpected(systemError(error));
   }
   return Outcome{.hasDestroyedSocket = destroyError == 0, .hasMarkedConnection = markError == 0};
 }

@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "PlatformLinuxFilter/NetlinkSocket.hpp"
 #include "PlatformLinuxFilter/QueueStatus.hpp"
 
 namespace stillow::platform {
@@ -30,13 +31,6 @@ constexpr std::size_t messageBytesMax = PacketQueue::copyBytes + messageOverhead
 constexpr std::size_t verdictBytes = MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof(nfgenmsg)) +
                                      MNL_ATTR_HDRLEN + MNL_ALIGN(sizeof(nfqnl_msg_verdict_hdr)) +
                                      MNL_ATTR_HDRLEN + MNL_ALIGN(sizeof(std::uint32_t));
-
-struct SocketCloser {
-  void operator()(mnl_socket* socket) const noexcept { (void)mnl_socket_close(socket); }
-};
-using Socket = std::unique_ptr<mnl_socket, SocketCloser>;
-
-std::error_code systemError(int number) noexcept { return {number, std::generic_category()}; }
 
 /// Puts the beginning of a message to the queue subsystem at `memory`.
 nlmsghdr* beginMessage(void* memory, std::uint16_t type, std::uint16_t queueNumber) noexcept {
@@ -109,7 +103,7 @@ PacketQueueError errorFor(int number, std::uint16_t queueNumber) {
 }  // namespace
 
 struct PacketQueue::Impl {
-  Impl(Socket ownedSocket, std::uint16_t queueNumber)
+  Impl(NetlinkSocket ownedSocket, std::uint16_t queueNumber)
       : socket(std::move(ownedSocket)),
         number(queueNumber),
         received(batchMax * messageBytesMax),
@@ -121,7 +115,7 @@ struct PacketQueue::Impl {
   void collect(std::size_t slot, std::size_t size);
   void enlargeReceiveBuffer() const noexcept;
 
-  Socket socket;
+  NetlinkSocket socket;
   std::uint16_t number;
   std::vector<std::uint8_t> received;
   std::array<QueuedPacket, batchMax> packets;
@@ -201,7 +195,7 @@ PacketQueue& PacketQueue::operator=(PacketQueue&&) noexcept = default;
 PacketQueue::~PacketQueue() = default;
 
 std::expected<PacketQueue, PacketQueueError> PacketQueue::bind(std::uint16_t number) {
-  Socket socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
+  NetlinkSocket socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
   if (!socket) return std::unexpected(errorFor(errno, number));
   if (mnl_socket_bind(socket.get(), 0, ::getpid()) != 0) {
     return std::unexpected(errorFor(errno, number));
