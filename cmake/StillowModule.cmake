@@ -49,6 +49,8 @@ function(stillow_tests name)
     return()
   endif()
   add_executable(${name} ${sources})
+  # Tests say what they mean in names of their own, which need not differ from another file's.
+  set_target_properties(${name} PROPERTIES UNITY_BUILD OFF)
   target_link_libraries(${name} PRIVATE stillow_options TestSupport ${ARG_LINK} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     STILLOW_FIXTURES="${PROJECT_SOURCE_DIR}/Tests/Fixtures"
