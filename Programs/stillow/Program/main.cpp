@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -149,7 +150,7 @@ int main(int argc, char** argv) {
   CLI::App* const rpc =
       app.add_subcommand("rpc", "Pass one call to the daemon as it is and print its answer");
   rpc->add_option("METHOD", method, "Such as status or activate")->required();
-  rpc->add_option("PARAMS", params, "The request record as JSON");
+  rpc->add_option("PARAMS", params, "The request record as JSON; - reads it from standard input");
 
   try {
     app.parse(argc, argv);
@@ -181,6 +182,9 @@ int main(int argc, char** argv) {
     Session session;
     ended = session.run(session.commands.acknowledge());
   } else if (rpc->parsed()) {
+    if (params == "-") {
+      params.assign(std::istreambuf_iterator<char>(std::cin), {});
+    }
     Session session;
     ended = session.run(
         passThrough(session, method, params.empty() ? std::nullopt : std::optional(params)));

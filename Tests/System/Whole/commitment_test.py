@@ -289,7 +289,7 @@ class FullDisk(WholeTestCase):
 
 
 class Crash(WholeTestCase):
-    KILLS = int(os.environ.get("STILLOW_KILLS", "25"))
+    KILLS = int(os.environ.get("STILLOW_KILLS", "200"))
 
     def test_never_takes_time_names_or_generations_away(self):
         generator = random.Random(20261115)
