@@ -34,9 +34,10 @@ if(NOT CMAKE_CXX_COMPILER_ID MATCHES "AppleClang" AND NOT STILLOW_SANITIZERS)
   target_compile_definitions(stillow_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
 endif()
 if(CMAKE_UNITY_BUILD)
-  # Sources that are compiled as one see the names of the others' anonymous namespaces. The presets
-  # that compile each by itself check what shadows what.
-  target_compile_options(stillow_options INTERFACE -Wno-shadow)
+  # Sources that are compiled as one see the names of the others' anonymous namespaces, and GCC takes
+  # such a namespace for a header's. The presets that compile each by itself check both.
+  target_compile_options(stillow_options INTERFACE -Wno-shadow
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endif()
 if(STILLOW_SANITIZERS)
   target_compile_options(stillow_options INTERFACE
