@@ -97,8 +97,14 @@ Task<CommitmentAuthority::StatusResult> CommitmentAuthority::strengthen(
 }
 
 Task<CommitmentAuthority::StatusResult> CommitmentAuthority::extend(
-    core::ProjectedEndTime newEndTime) {
-  Rule rule = [newEndTime](Machine& machine, Date now) { return machine.extend(newEndTime, now); };
+    core::ProjectedEndTime newEndTime, std::function<bool()> mayRule) {
+  Rule rule = [newEndTime, mayRule = std::move(mayRule)](Machine& machine, Date now) {
+    if (mayRule && !mayRule()) {
+      return Machine::Ruling(std::unexpected(
+          DaemonError::internalFailure{"The running time up to now is not charged."}));
+    }
+    return machine.extend(newEndTime, now);
+  };
   return serial_.run(
       apply(shared_from_this(), std::move(rule), Origin::client, RunningTimeRecording::durable));
 }
@@ -182,15 +188,17 @@ Task<CommitmentAuthority::StatusResult> CommitmentAuthority::apply(Self self, Ru
   if (recording == RunningTimeRecording::inMemory && !changedKind) co_return ruling;
 
   if (!(self->machine_.state() == before.state)) {
+    bool isSaving = true;
     if (origin == Origin::client) {
       self->currentFileIsNewer_ = false;
     } else if (self->currentFileIsNewer_) {
       // A save now would replace the state that could not be read by an older one.
-      const bool isAdopted = co_await self->adoptCurrentIfReadable();
-      if (isAdopted) ruling = rule(self->machine_, now);
+      const Adoption adoption = co_await self->adoptCurrentIfReadable();
+      if (adoption == Adoption::adopted) ruling = rule(self->machine_, now);
       core::require(ruling.has_value(), "the daemon's own records are never refused");
+      isSaving = adoption != Adoption::notYet;
     }
-    co_await self->save(now);
+    if (isSaving) co_await self->save(now);
   }
   co_await self->tellObservers(std::make_shared<const DaemonStatus>(*ruling));
   co_return ruling;
@@ -269,8 +277,9 @@ Task<bool> CommitmentAuthority::recoverAgain(Self self) {
   const Date now = self->clock_();
   const Snapshot before = self->snapshot();
   if (self->currentFileIsNewer_) {
-    const bool isAdopted = co_await self->adoptCurrentIfReadable();
-    if (isAdopted) {
+    const Adoption adoption = co_await self->adoptCurrentIfReadable();
+    if (adoption == Adoption::notYet) co_return false;
+    if (adoption == Adoption::adopted) {
       if (!(self->snapshot() == before)) co_await self->tellObservers(self->currentStatus());
       co_return true;
     }
@@ -302,15 +311,17 @@ Task<CommitmentStateRecovery> CommitmentAuthority::recover() {
 }
 
 /// Reads the current file once more; if it is sound by now, its state becomes the present one.
-Task<bool> CommitmentAuthority::adoptCurrentIfReadable() {
-  CommitmentStateRecovery found = co_await recover();
-  if (found.source != Source::current || !found.checkpoint) co_return false;
+Task<CommitmentAuthority::Adoption> CommitmentAuthority::adoptCurrentIfReadable() {
+  auto looking = concurrency::runBlocking(
+      blocking_, [durable = durableState_] { return durable.lookAtCurrent(); });
+  DurableCommitmentStore::CurrentLook found = co_await std::move(looking);
+  if (!found.checkpoint) co_return found.mayBecomeReadable ? Adoption::notYet : Adoption::never;
   machine_.adopt(found.checkpoint->state);
   lastCheckpoint_ = std::move(found.checkpoint);
   recoverySource_ = Source::current;
   currentFileIsNewer_ = false;
   hasUnsavedChange_ = false;
-  co_return true;
+  co_return Adoption::adopted;
 }
 
 Task<bool> CommitmentAuthority::writeCheckpoint(Date now) {

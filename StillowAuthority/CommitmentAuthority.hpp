@@ -65,7 +65,10 @@ class CommitmentAuthority final : public ValidationRecording,
   /// Judges the freshness of the last validation once more, in the turn that activates.
   concurrency::Task<StatusResult> activate(ipc::ActivationRequest request);
   concurrency::Task<StatusResult> strengthen(ipc::ScopeAddition addition);
-  concurrency::Task<StatusResult> extend(core::ProjectedEndTime newEndTime);
+  /// `mayRule` is asked inside the turn; if it says no, nothing is ruled and the error is
+  /// `internalFailure`. It must not call the authority.
+  concurrency::Task<StatusResult> extend(core::ProjectedEndTime newEndTime,
+                                         std::function<bool()> mayRule = {});
   concurrency::Task<ipc::DaemonStatus> acknowledgeExpiry();
 
   concurrency::Task<ipc::DaemonStatus> recordEnforcement(core::EnforcementHealthStatus enforcement);
@@ -97,6 +100,7 @@ class CommitmentAuthority final : public ValidationRecording,
   concurrency::Task<CommitmentStateRecovery::Source> recoverySource();
   /// Tries to stand on a sound current checkpoint again: adopts it if it has become readable and no
   /// client changed the state since the start, else writes the present state afresh. True: it does.
+  /// While it cannot be read for a reason that may pass, nothing is written over it.
   concurrency::Task<bool> retryRecovery();
 
  private:
@@ -139,7 +143,12 @@ class CommitmentAuthority final : public ValidationRecording,
   [[nodiscard]] Snapshot snapshot() const { return {machine_.state(), machine_.enforcement()}; }
   [[nodiscard]] StatusPointer currentStatus() const;
   concurrency::Task<CommitmentStateRecovery> recover();
-  concurrency::Task<bool> adoptCurrentIfReadable();
+  enum class Adoption : std::uint8_t {
+    adopted,
+    notYet,  ///< the file cannot be read now; it may hold more than is known here
+    never,   ///< it holds nothing: what is known here is all there is
+  };
+  concurrency::Task<Adoption> adoptCurrentIfReadable();
   concurrency::Task<bool> writeCheckpoint(core::Date now);
   concurrency::Task<void> save(core::Date now);
   concurrency::Task<void> tellObservers(StatusPointer status);

@@ -37,6 +37,12 @@ std::string describe(const CheckpointError& error) {
   return std::visit(Describer{}, error);
 }
 
+bool mayPass(const CheckpointError& error) noexcept {
+  const auto* const file = std::get_if<filtering::FileError>(&error);
+  return file != nullptr && file->code != std::errc::file_too_large &&
+         file->code != std::errc::too_many_symbolic_link_levels;
+}
+
 SaveResult CommitmentCheckpointStore::saveCopy(CommitmentCheckpointStore& source) {
   auto loaded = source.load();
   if (!loaded) return std::unexpected(std::move(loaded.error()));

@@ -38,12 +38,17 @@ struct DurableStateError {
   friend bool operator==(const DurableStateError&, const DurableStateError&) = default;
 };
 
-/// Why a checkpoint could not be loaded or saved. Nobody acts on the difference; it is for the log.
+/// Why a checkpoint could not be loaded or saved.
 using CheckpointError =
     std::variant<DurableStateError, filtering::FileError, core::DecodingError, core::EncodingError>;
 
 /// One sentence without a final stop.
 [[nodiscard]] std::string describe(const CheckpointError& error);
+
+/// Whether a load that failed like this says nothing about the file: the system did not hand it
+/// over (an input/output error, no descriptor left) and may do so later. What was read and is no
+/// checkpoint of ours stays that for good.
+[[nodiscard]] bool mayPass(const CheckpointError& error) noexcept;
 
 /// One place where a checkpoint can live. Blocks; one call at a time.
 class CommitmentCheckpointStore {

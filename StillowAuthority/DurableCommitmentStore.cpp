@@ -49,6 +49,13 @@ CommitmentStateRecovery DurableCommitmentStore::recover() const {
   return {std::nullopt, current ? Source::current : Source::failedOpen};
 }
 
+DurableCommitmentStore::CurrentLook DurableCommitmentStore::lookAtCurrent() const {
+  auto current = current_->load();
+  if (current) return {.checkpoint = std::move(*current)};
+  log("The current checkpoint cannot be used: ", current.error());
+  return {.checkpoint = std::nullopt, .mayBecomeReadable = mayPass(current.error())};
+}
+
 std::expected<void, CheckpointError> DurableCommitmentStore::save(
     const CommitmentCheckpoint& checkpoint) const {
   // A current file that is not sound must not displace the good copy; one that cannot be copied

@@ -55,6 +55,14 @@ class DurableCommitmentStore {
   /// Never fails: what cannot be read is what the source says.
   [[nodiscard]] CommitmentStateRecovery recover() const;
 
+  /// The current checkpoint alone, for whoever had to pass over it before.
+  struct CurrentLook {
+    std::optional<CommitmentCheckpoint> checkpoint;
+    /// It could not be read, which says nothing about what it holds.
+    bool mayBecomeReadable = false;
+  };
+  [[nodiscard]] CurrentLook lookAtCurrent() const;
+
   /// The current checkpoint, if it is sound, becomes the last known good one; then `checkpoint`
   /// becomes the current one. At no point is there less than one sound checkpoint if there was one
   /// before. Fails with the current store's error; the last known good one's is only logged.

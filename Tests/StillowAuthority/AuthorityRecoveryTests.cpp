@@ -179,5 +179,36 @@ TEST(CommitmentAuthority, writesTheOlderStateWhereTheCurrentFileIsReallyDamaged)
   EXPECT_TRUE(core::is<AuthorityState::expired>(world.currentStore->content->state));
 }
 
+// An input/output error says nothing about the file. Neither the daemon's own records nor a retry
+// may write over it.
+TEST(CommitmentAuthority, writesNothingOverACurrentFileThatCannotBeReadForTheMoment) {
+  for (const bool hasGoodCopy : {true, false}) {
+    SCOPED_TRACE(hasGoodCopy);
+    AuthorityWorld world(9, activeCheckpoint(9, 3'600),
+                         hasGoodCopy ? std::optional(activeCheckpoint(8, 100)) : std::nullopt);
+    world.currentStore->isOutOfReach = true;
+    world.begin();
+    EXPECT_FALSE(retry(world));
+    (void)world.run(world.authority->recordRunningTime(60, RunningTimeRecording::durable));
+    (void)world.run(world.authority->recordRunningTime(60, RunningTimeRecording::durable));
+    EXPECT_EQ(world.status().active(), nullptr);
+    EXPECT_FALSE(retry(world));
+    EXPECT_TRUE(world.currentStore->all.empty());
+    world.currentStore->isOutOfReach = false;
+    EXPECT_TRUE(retry(world));
+    ASSERT_NE(world.status().active(), nullptr);
+    EXPECT_EQ(world.status().active()->remainingDuration, 3'600);
+  }
+}
+
+TEST(CommitmentAuthority, letsAClientReplaceACurrentFileThatCannotBeRead) {
+  AuthorityWorld world(10, activeCheckpoint(9, 3'600));
+  world.currentStore->isOutOfReach = true;
+  world.begin();
+  ASSERT_TRUE(world.activate(domains({"mine.example"})).has_value());
+  ASSERT_EQ(world.currentStore->all.size(), 1U);
+  EXPECT_EQ(world.run(world.authority->recoverySource()), Source::current);
+}
+
 }  // namespace
 }  // namespace stillow::authority

@@ -71,10 +71,15 @@ class ScriptedCheckpointStore final : public CommitmentCheckpointStore {
   static CheckpointError corrupt() {
     return DurableStateError(DurableStateError::checksumMismatch{});
   }
+  static CheckpointError inputError() {
+    return filtering::FileError{filtering::FileError::Operation::read, "/state/file",
+                                std::make_error_code(std::errc::io_error)};
+  }
 
   std::expected<std::optional<CommitmentCheckpoint>, CheckpointError> load() override {
     ++loads;
     if (isUnreadable) return std::unexpected(corrupt());
+    if (isOutOfReach) return std::unexpected(inputError());
     return content;
   }
   std::expected<void, CheckpointError> save(const CommitmentCheckpoint& saved) override {
@@ -85,12 +90,14 @@ class ScriptedCheckpointStore final : public CommitmentCheckpointStore {
     }
     content = saved;
     isUnreadable = false;
+    isOutOfReach = false;
     all.push_back(saved);
     return {};
   }
 
   std::optional<CommitmentCheckpoint> content;
-  bool isUnreadable = false;
+  bool isUnreadable = false;  ///< what is there is damaged
+  bool isOutOfReach = false;  ///< what is there cannot be read now
   bool refusesSaves = false;
   int loads = 0;
   std::vector<CommitmentCheckpoint> all;  ///< what was saved, in order
