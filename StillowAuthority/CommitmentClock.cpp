@@ -1,6 +1,8 @@
 #include "StillowAuthority/CommitmentClock.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "StillowCore/Invariant.hpp"
 
@@ -31,7 +33,8 @@ CommitmentClock::CommitmentClock(const concurrency::Executor& executor,
       serial_(executor),
       authority_(std::move(authority)),
       time_(std::move(time)),
-      cadence_(cadence) {}
+      cadence_(cadence),
+      chargedUntil_(std::numeric_limits<double>::quiet_NaN()) {}
 
 CommitmentClock::~CommitmentClock() {
   if (!loops_) return;
@@ -45,6 +48,12 @@ Task<void> CommitmentClock::stop() { return serial_.run(end(shared_from_this()))
 
 Task<void> CommitmentClock::sampleNow() {
   return serial_.run(sample(shared_from_this(), std::nullopt));
+}
+
+double CommitmentClock::unchargedSeconds() const {
+  const double chargedUntil = chargedUntil_.load();
+  if (std::isnan(chargedUntil)) return 0;
+  return std::max(0.0, time_.monotonic->seconds() - chargedUntil);
 }
 
 Task<void> CommitmentClock::begin(Self self) {
@@ -66,6 +75,7 @@ Task<void> CommitmentClock::end(Self self) {
   self->lastReading_.reset();
   self->lastClockOffset_.reset();
   self->wasActiveAtLastSample_ = false;
+  self->chargedUntil_ = std::numeric_limits<double>::quiet_NaN();
   co_return;
 }
 
@@ -120,7 +130,10 @@ Task<void> CommitmentClock::sample(Self self, std::optional<std::int64_t> genera
   const auto previousOffset = std::exchange(self->lastClockOffset_, reading.clockOffset);
   const bool wasActive = std::exchange(self->wasActiveAtLastSample_, isActive);
   // The first sample is a baseline: what went before it is not known to be running time.
-  if (!previousReading) co_return;
+  if (!previousReading) {
+    self->chargedUntil_ = reading.seconds;
+    co_return;
+  }
 
   const double elapsed = reading.seconds - *previousReading;
   const bool hasJumped = previousOffset && std::abs(reading.clockOffset - *previousOffset) >
@@ -132,6 +145,7 @@ Task<void> CommitmentClock::sample(Self self, std::optional<std::int64_t> genera
   } else if (isActive && (elapsed >= self->cadence_.sleepGapThreshold || hasJumped)) {
     co_await self->authority_->publishStatus();
   }
+  if (self->generation_ == begunIn) self->chargedUntil_ = reading.seconds;
 }
 
 Task<void> CommitmentClock::charge(double elapsed, bool isPublishing, std::int64_t generation) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -70,6 +71,7 @@ class CommitmentClock final : public RunningTimeSampling,
   /// Takes a sample now, besides the ticks; when it returns, the running time up to now is charged.
   /// Stopped, it does nothing.
   [[nodiscard]] concurrency::Task<void> sampleNow() override;
+  [[nodiscard]] double unchargedSeconds() const override;
 
  private:
   using Self = std::shared_ptr<CommitmentClock>;
@@ -108,6 +110,9 @@ class CommitmentClock final : public RunningTimeSampling,
   std::shared_ptr<CommitmentAuthority> authority_;
   Time time_;
   Cadence cadence_;
+
+  /// The reading up to which everything is charged; not a number: nothing is counted yet.
+  std::atomic<double> chargedUntil_;
 
   // Touched on the strand only.
   double unrecordedConsumption_ = 0;

@@ -21,6 +21,11 @@ namespace {
 /// counting.
 constexpr std::size_t bigRequestBytes = 64 * 1024;
 
+/// What an extension may be charged with although it ran before it. A sample and the turn behind it
+/// take far less unless the machine sleeps.
+constexpr double unchargedSecondsMax = 0.1;
+constexpr int chargingAttemptsMax = 5;
+
 DaemonError noCurrentConnection() {
   return DaemonError::internalFailure{"No current XPC connection."};
 }
@@ -49,12 +54,19 @@ class DaemonXPCService::StatusOutlet {
  public:
   explicit StatusOutlet(Connection connection) : connection_(std::move(connection)) {}
 
-  /// Each of these three is true if somebody has to begin delivering now.
+  /// `offer` and `open` are true if somebody has to begin delivering now.
   [[nodiscard]] bool offer(StatusPointer status) {
     const std::lock_guard lock(mutex_);
-    if (isClosed_) return false;
+    if (isClosed_) {
+      hasMissed_ = true;
+      return false;
+    }
     newest_ = std::move(status);
     return beginDelivering();
+  }
+  void offerIfNothingNewer(StatusPointer status) {
+    const std::lock_guard lock(mutex_);
+    if (!isClosed_ && !newest_) newest_ = std::move(status);
   }
   [[nodiscard]] bool open() {
     const std::lock_guard lock(mutex_);
@@ -73,7 +85,14 @@ class DaemonXPCService::StatusOutlet {
   void close() {
     const std::lock_guard lock(mutex_);
     isClosed_ = true;
+    hasMissed_ = hasMissed_ || newest_;
     newest_ = nullptr;
+  }
+
+  /// Whether a status was not pushed because this was closed.
+  [[nodiscard]] bool hasMissed() {
+    const std::lock_guard lock(mutex_);
+    return hasMissed_;
   }
 
   [[nodiscard]] ipc::ServedConnection& connection() const { return *connection_; }
@@ -90,6 +109,7 @@ class DaemonXPCService::StatusOutlet {
   StatusPointer newest_;
   bool isOpen_ = false;
   bool isClosed_ = false;
+  bool hasMissed_ = false;
   bool isDelivering_ = false;
 };
 
@@ -217,9 +237,24 @@ Task<CommitmentAuthority::StatusResult> DaemonXPCService::strengthen(Self self,
 Task<CommitmentAuthority::StatusResult> DaemonXPCService::extend(Self self, SharedBytes request) {
   const auto extension = co_await decoded<ipc::ExtensionRequest>(self, std::move(request));
   if (!extension) co_return std::unexpected(DaemonError::malformedRequest{"ExtensionRequest"});
+  const auto& authority = self->dependencies_.authority;
   const auto& runningTime = self->dependencies_.runningTime;
-  if (runningTime) co_await runningTime->sampleNow();
-  co_return co_await self->dependencies_.authority->extend(extension->newEndTime);
+  if (!runningTime) co_return co_await authority->extend(extension->newEndTime);
+  // The machine may fall asleep between the sample and the ruling, which waits for its turn. So the
+  // turn looks once more, and what has run meanwhile is charged first.
+  const auto isCharged = std::make_shared<bool>(true);
+  const auto mayRule = [runningTime, isCharged] {
+    *isCharged = runningTime->unchargedSeconds() <= unchargedSecondsMax;
+    return *isCharged;
+  };
+  for (int attempt = 1; attempt < chargingAttemptsMax; ++attempt) {
+    co_await runningTime->sampleNow();
+    StatusResult ruling = co_await authority->extend(extension->newEndTime, mayRule);
+    if (*isCharged) co_return ruling;
+  }
+  // A machine that is merely slow: a second or two may be charged to the extension.
+  co_await runningTime->sampleNow();
+  co_return co_await authority->extend(extension->newEndTime);
 }
 
 Task<CommitmentAuthority::StatusResult> DaemonXPCService::validate(Self self) {
@@ -255,6 +290,20 @@ Task<void> DaemonXPCService::subscribe(Self self, Connection connection, ipc::Ca
     co_return;
   }
   const auto outlet = std::make_shared<StatusOutlet>(connection);
+  Task<bool> registering = registerOutlet(self, std::move(connection), outlet, std::move(answer));
+  const bool isRegistered = co_await std::move(registering);
+  if (isRegistered && outlet->open()) co_await deliver(std::move(self), outlet);
+}
+
+/// Registers `outlet` for the connection and answers. False: the connection has ended.
+Task<bool> DaemonXPCService::registerOutlet(Self self, Connection connection,
+                                            std::shared_ptr<StatusOutlet> outlet,
+                                            ipc::CallAnswer answer) {
+  // One after another, so that no other subscription of this connection comes in between.
+  const concurrency::Turn::Holder turn = co_await self->subscribing_.take();
+  // From here on the answer speaks for the earlier subscription: what that one pushed behind the
+  // registration would be newer than the answer, and reach the client first.
+  self->silence(connection->identity());
   const std::weak_ptr<DaemonXPCService> weak = self;
   CommitmentAuthority::Observer observer = [weak, outlet](StatusPointer status) {
     return observe(weak, outlet, std::move(status));
@@ -265,13 +314,17 @@ Task<void> DaemonXPCService::subscribe(Self self, Connection connection, ipc::Ca
   Task<bool> enrolling = enroll(self, connection->identity(), std::move(subscription),
                                 std::move(registered.status), answer);
   const bool isEnrolled = co_await self->encoding_.run(std::move(enrolling));
-  if (isEnrolled) {
-    if (outlet->open()) co_await deliver(std::move(self), outlet);
-    co_return;
-  }
+  if (isEnrolled) co_return true;
   outlet->close();
   co_await authority->unsubscribe(registered.token);
   answer.settle(replyOf(noCurrentConnection()));
+  co_return false;
+}
+
+void DaemonXPCService::silence(ipc::ConnectionID connection) {
+  const std::lock_guard lock(mutex_);
+  const auto found = subscriptions_.find(connection);
+  if (found != subscriptions_.end()) found->second.outlet->close();
 }
 
 /// Puts the subscription in the place of an earlier one and answers. False: the connection has
@@ -279,6 +332,7 @@ Task<void> DaemonXPCService::subscribe(Self self, Connection connection, ipc::Ca
 Task<bool> DaemonXPCService::enroll(Self self, ipc::ConnectionID connection,
                                     Subscription subscription, StatusPointer status,
                                     ipc::CallAnswer answer) {
+  const std::shared_ptr<StatusOutlet> outlet = subscription.outlet;
   std::optional<Subscription> earlier;
   {
     const std::lock_guard lock(self->mutex_);
@@ -287,7 +341,9 @@ Task<bool> DaemonXPCService::enroll(Self self, ipc::ConnectionID connection,
     if (!isFirst) earlier = std::exchange(place->second, std::move(subscription));
   }
   if (earlier) {
-    earlier->outlet->close();
+    // Others behind this connection may follow the earlier one. What it kept from them the answer,
+    // which only the caller sees, has to tell them, too.
+    if (earlier->outlet->hasMissed()) outlet->offerIfNothingNewer(status);
     concurrency::spawn(self->dependencies_.executor,
                        removeObserver(self->dependencies_.authority, earlier->observer));
   }
@@ -315,8 +371,9 @@ Task<void> DaemonXPCService::deliver(Self self, std::shared_ptr<StatusOutlet> ou
 }
 
 Task<bool> DaemonXPCService::pushNewest(Self self, std::shared_ptr<StatusOutlet> outlet) {
-  // Taken here, on the strand: an outlet that was closed before has nothing to give any more, so a
-  // subscription that was replaced pushes nothing behind the answer to the one that replaced it.
+  // Taken here, on the strand, in one step with the push: an outlet that was silenced has nothing
+  // to give any more, so a subscription that is replaced pushes nothing newer than the answer to
+  // the one that replaces it, and nothing behind it.
   StatusPointer status = outlet->take();
   if (!status) co_return false;
   // One that does not encode is dropped.

@@ -13,6 +13,7 @@
 #include "StillowAuthority/UserInterfacePresence.hpp"
 #include "StillowConcurrency/Strand.hpp"
 #include "StillowConcurrency/Task.hpp"
+#include "StillowConcurrency/Turn.hpp"
 #include "StillowCore/UUID.hpp"
 #include "StillowIPC/CodeSigningRequirement.hpp"
 #include "StillowIPC/DaemonConnection.hpp"
@@ -84,6 +85,10 @@ class DaemonXPCService final : public ipc::DaemonListenerDelegate,
 
   static concurrency::Task<void> subscribe(Self self, Connection connection,
                                            ipc::CallAnswer answer);
+  static concurrency::Task<bool> registerOutlet(Self self, Connection connection,
+                                                std::shared_ptr<StatusOutlet> outlet,
+                                                ipc::CallAnswer answer);
+  void silence(ipc::ConnectionID connection);
   static concurrency::Task<bool> enroll(Self self, ipc::ConnectionID connection,
                                         Subscription subscription, StatusPointer status,
                                         ipc::CallAnswer answer);
@@ -114,6 +119,8 @@ class DaemonXPCService final : public ipc::DaemonListenerDelegate,
 
   /// Big requests are decoded one at a time: each takes many times its size while that lasts.
   const concurrency::Strand decodingBigRequests_;
+
+  concurrency::Turn subscribing_;
 
   /// Guards the two below alone; never held across a call out.
   std::mutex mutex_;

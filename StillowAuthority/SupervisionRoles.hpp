@@ -105,6 +105,9 @@ class RunningTimeSampling {
  public:
   virtual ~RunningTimeSampling() = default;
   virtual concurrency::Task<void> sampleNow() = 0;
+  /// Seconds that have run and may not have been charged yet, such as a sleep that came behind the
+  /// last sample. Any thread.
+  [[nodiscard]] virtual double unchargedSeconds() const = 0;
 };
 
 }  // namespace stillow::authority
