@@ -105,12 +105,13 @@ Task<void> Daemon::startClock(std::shared_ptr<Daemon> self) { co_await self->clo
 
 Task<bool> Daemon::firstPass(std::shared_ptr<Daemon> self, OneShot<bool> reporterIsSet) {
   // Both report to health before anything of theirs can fail. A filter that is absent is reported
-  // before health takes over how recovery went, so that it never says "healthy" first.
+  // before the first pass tells a status and before health takes over how recovery went, so that
+  // nobody hears "healthy" first.
   (void)co_await reporterIsSet.wait();
   co_await self->filterArming_->setFaults(self->health_);
   co_await self->filterArming_->start();
-  co_await self->filterArming_->reapply();
   co_await self->filterPath_->start();
+  co_await self->filterArming_->reapply();
   co_await self->health_->reconcileWithRecovery();
   co_return true;
 }
