@@ -215,11 +215,17 @@ void InMemoryDaemonEndpoint::interruptAll() {
   std::vector<std::weak_ptr<Link>> links;
   {
     const std::lock_guard lock(mutex_);
-    links.swap(links_);
+    links = links_;
   }
   for (const auto& weak : links) {
     if (const auto link = weak.lock()) link->end();
   }
+}
+
+std::size_t InMemoryDaemonEndpoint::connectionCount() {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(links_, [](const std::weak_ptr<Link>& old) { return old.expired(); });
+  return links_.size();
 }
 
 }  // namespace stillow::ipc

@@ -42,6 +42,9 @@ class InMemoryDaemonEndpoint final : public DaemonListening,
   /// Ends every connection, as if both sides had seen the other die.
   void interruptAll();
 
+  /// How many connections somebody still holds an end of, lost ones included.
+  [[nodiscard]] std::size_t connectionCount();
+
  private:
   class Link;
   class ClientConnection;

@@ -240,7 +240,9 @@ Task<void> XPCCommitmentAuthorityClient::subscribe(std::weak_ptr<XPCCommitmentAu
                                                    SubscriberID id,
                                                    Channel<DaemonStatus> statuses) {
   Self self = weak.lock();
-  if (!self) {
+  // A client that was invalidated before this began has finished the stream, and a connection
+  // opened for it now would be nobody's.
+  if (!self || statuses.isFinished()) {
     statuses.finish();
     co_return;
   }
