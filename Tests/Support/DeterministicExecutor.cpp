@@ -110,6 +110,15 @@ void DeterministicExecutor::advance(std::chrono::nanoseconds duration) {
   now_ = end;
 }
 
+void DeterministicExecutor::skip(std::chrono::nanoseconds duration) {
+  now_ += duration;
+  while (!sleepers_.empty() && sleepers_.begin()->first <= now_) {
+    const auto wake = std::move(sleepers_.begin()->second);
+    sleepers_.erase(sleepers_.begin());
+    wake();
+  }
+}
+
 std::optional<std::chrono::nanoseconds> DeterministicExecutor::nextWakeUp() const {
   if (sleepers_.empty()) return std::nullopt;
   return sleepers_.begin()->first;

@@ -33,7 +33,7 @@ class DeterministicExecutor : public boost::asio::execution_context {
   /// Runs blocking work in turn with everything else, on the same thread.
   [[nodiscard]] std::shared_ptr<concurrency::BlockingExecutor> blockingExecutor();
 
-  /// Virtual time since the start; moves only in `advance` and `advanceToNextSleeper`.
+  /// Virtual time since the start; moves only in `advance` and `skip`.
   [[nodiscard]] std::chrono::nanoseconds now() const noexcept { return now_; }
 
   /// Runs one ready piece of work; false if none was ready.
@@ -43,6 +43,9 @@ class DeterministicExecutor : public boost::asio::execution_context {
   void runReady(std::size_t stepsMax = 1'000'000);
   /// Moves time forward, waking each sleeper at its own moment, and runs what becomes ready.
   void advance(std::chrono::nanoseconds duration);
+  /// Lets time pass while nobody runs, as when the machine is asleep: what should have woken
+  /// meanwhile becomes ready at the end, all of it at once. Runs nothing.
+  void skip(std::chrono::nanoseconds duration);
   [[nodiscard]] std::size_t sleeperCount() const noexcept { return sleepers_.size(); }
   [[nodiscard]] std::optional<std::chrono::nanoseconds> nextWakeUp() const;
   std::mt19937_64& random() noexcept { return random_; }
