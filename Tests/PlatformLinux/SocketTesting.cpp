@@ -69,20 +69,27 @@ std::size_t TestDaemon::callsReceived() const {
   return state_.read([](const State& state) { return state.callsReceived; });
 }
 
+void TestDaemon::forget() {
+  State dropped;
+  state_.change([&](State& state) { std::swap(state, dropped); });
+}
+
 // ---- TestPeers
 
 namespace {
 
 class TestPeer final : public ipc::ConnectedPeer {
  public:
-  TestPeer(ipc::PeerProcess process, std::function<TestPeers::Answer(ipc::PeerProcess)> identity)
-      : process_(process), identity_(std::move(identity)) {}
+  TestPeer(ipc::PeerProcess process, std::function<TestPeers::Answer(ipc::PeerProcess)> identity,
+           std::shared_ptr<int> holder)
+      : process_(process), identity_(std::move(identity)), holder_(std::move(holder)) {}
   [[nodiscard]] ipc::PeerProcess process() const override { return process_; }
   [[nodiscard]] TestPeers::Answer codeIdentity() const override { return identity_(process_); }
 
  private:
   const ipc::PeerProcess process_;
   const std::function<TestPeers::Answer(ipc::PeerProcess)> identity_;
+  const std::shared_ptr<int> holder_;
 };
 
 }  // namespace
@@ -95,7 +102,7 @@ std::expected<std::unique_ptr<ipc::ConnectedPeer>, std::string> TestPeers::conne
   core::require(::getsockopt(connectedSocket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) == 0,
                 "no credentials");
   return std::make_unique<TestPeer>(
-      ipc::PeerProcess{.pid = credentials.pid, .uid = credentials.uid}, identity);
+      ipc::PeerProcess{.pid = credentials.pid, .uid = credentials.uid}, identity, holders_);
 }
 
 ipc::CodeIdentity application() {
@@ -117,14 +124,14 @@ RawClient RawClient::connected(const std::string& path) {
   return client;
 }
 
-void RawClient::connect() {
+void RawClient::connect() { core::require(tryConnect(), "nobody listens"); }
+
+bool RawClient::tryConnect() const {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   core::require(path_.size() < sizeof address.sun_path, "the path is too long");
   std::memcpy(address.sun_path, path_.data(), path_.size());
-  core::require(
-      ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
-      "nobody listens");
+  return ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 void RawClient::connectAs(uid_t user) {
@@ -181,6 +188,11 @@ void RawClient::expectEnd() {
   while (receive() > 0) buffered_.clear();
 }
 
+bool RawClient::hasNews() const {
+  pollfd state{.fd = socket_.get(), .events = POLLIN, .revents = 0};
+  return !buffered_.empty() || ::poll(&state, 1, 0) == 1;
+}
+
 void RawClient::finishSending() const { (void)::shutdown(socket_.get(), SHUT_WR); }
 
 void RawClient::close() { socket_ = FileDescriptor(); }
@@ -203,23 +215,40 @@ SocketTest::SocketTest() : path(directory.path("run/s.sock")) {
 
 SocketTest::~SocketTest() {
   listener.reset();
+  threads->stop();
+  // A socket may not outlive the context that it belongs to.
+  daemon->forget();
   threads.reset();
 }
 
-void SocketTest::listen() {
-  listener = std::make_unique<UnixSocketDaemonListener>(UnixSocketDaemonListener::Dependencies{
+std::unique_ptr<UnixSocketDaemonListener> SocketTest::newListener() {
+  return std::make_unique<UnixSocketDaemonListener>(UnixSocketDaemonListener::Dependencies{
       .executor = threads->executor(),
       .blocking = blocking,
       .sleeper = sleeper,
-      .peers = peers,
+      .peers = realPeers ? realPeers : peers,
       .socketPath = path,
       .log =
           [log = log](std::string line) {
             log->change([&](auto& lines) { lines.push_back(std::move(line)); });
           },
       .limits = limits});
+}
+
+void SocketTest::listen() {
+  listener = newListener();
   const auto started = listener->start(daemon);
   core::require(started.has_value(), started ? "" : started.error());
+}
+
+void SocketTest::stopListening() {
+  listener.reset();
+  // The executor closes the socket.
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (RawClient(path).tryConnect()) {
+    core::require(std::chrono::steady_clock::now() < end, "somebody goes on listening");
+    std::this_thread::yield();
+  }
 }
 
 void SocketTest::waitForLog(const std::string& text) {

@@ -64,7 +64,7 @@ class Watched {
  private:
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  State state_;
+  State state_{};
 };
 
 /// A sleeper whose sleeps the test ends, by their duration; any thread.
@@ -129,9 +129,13 @@ class Threads {
   }
   Threads(const Threads&) = delete;
   Threads& operator=(const Threads&) = delete;
-  ~Threads() {
+  ~Threads() { stop(); }
+
+  /// Nothing runs any more when this returns.
+  void stop() {
     context_.stop();
     for (auto& thread : threads_) thread.join();
+    threads_.clear();
   }
 
   [[nodiscard]] concurrency::Executor executor() { return context_.get_executor(); }
@@ -182,6 +186,8 @@ class TestDaemon final : public ipc::DaemonListenerDelegate {
   void waitForEndings(std::size_t count);
   std::size_t endings() const;
   std::size_t callsReceived() const;
+  /// Lets go of every connection and call.
+  void forget();
 
   /// Set before anybody connects.
   std::optional<ipc::ConnectionTerms> terms = ipc::ConnectionTerms{};
@@ -209,6 +215,11 @@ class TestPeers final : public ipc::PeerIdentifying {
   std::function<Answer(ipc::PeerProcess)> identity;
   /// Set to refuse everybody at once.
   std::optional<std::string> refusal;
+  /// Peers that somebody holds at the moment.
+  [[nodiscard]] long held() const { return holders_.use_count() - 1; }
+
+ private:
+  std::shared_ptr<int> holders_ = std::make_shared<int>(0);
 };
 
 [[nodiscard]] ipc::CodeIdentity application();
@@ -221,6 +232,8 @@ class RawClient {
   [[nodiscard]] static RawClient connected(const std::string& path);
 
   void connect();
+  /// False: nobody listens.
+  [[nodiscard]] bool tryConnect() const;
   /// As a process of another user would; takes root.
   void connectAs(uid_t user);
   /// All of it, or as much as is taken before the connection ends. False: it ended.
@@ -232,6 +245,8 @@ class RawClient {
   std::optional<std::string> line();
   /// Nothing more comes: the connection is closed. Drops what came before.
   void expectEnd();
+  /// Whether something could be read at once: a part of a line or the end.
+  [[nodiscard]] bool hasNews() const;
   /// Sends no more; still reads.
   void finishSending() const;
   void close();
@@ -252,12 +267,16 @@ class SocketTest : public ::testing::Test {
   SocketTest();
   ~SocketTest() override;
 
+  /// A listener at the test's path that has not been started.
+  [[nodiscard]] std::unique_ptr<UnixSocketDaemonListener> newListener();
   void listen();
+  /// Ends the listener; nobody can connect any more when this returns.
+  void stopListening();
   [[nodiscard]] RawClient client() const { return RawClient::connected(path); }
   /// Waits for a line of the log that contains `text`.
   void waitForLog(const std::string& text);
   [[nodiscard]] std::size_t logLines(const std::string& text) const;
-  /// Waits until the listener counts so many connections.
+  /// Waits until that is true of what clients take.
   void waitForLoad(const std::function<bool(UnixSocketDaemonListener::Load)>& holds);
 
   stillow::test::TemporaryDirectory directory;
@@ -265,6 +284,8 @@ class SocketTest : public ::testing::Test {
   SocketLimits limits;
   std::shared_ptr<TestDaemon> daemon = std::make_shared<TestDaemon>();
   std::shared_ptr<TestPeers> peers = std::make_shared<TestPeers>();
+  /// Set before listening: who else is to say who a peer is.
+  std::shared_ptr<ipc::PeerIdentifying> realPeers;
   std::shared_ptr<ManualSleeper> sleeper = std::make_shared<ManualSleeper>();
   std::shared_ptr<Watched<std::vector<std::string>>> log =
       std::make_shared<Watched<std::vector<std::string>>>();

@@ -13,25 +13,39 @@ std::shared_ptr<ConnectionLedger::Entry> ConnectionLedger::addConnection(uid_t u
     ++connections_;
     ++users_[user].connections;
   }
-  return std::make_shared<Entry>(shared_from_this(), user, false);
+  return std::make_shared<Entry>(shared_from_this(), user, false, 0);
 }
 
-std::shared_ptr<ConnectionLedger::Entry> ConnectionLedger::addCall(uid_t user) {
+std::expected<std::shared_ptr<ConnectionLedger::Entry>, ConnectionLedger::CallLimit>
+ConnectionLedger::addCall(uid_t user, std::size_t requestBytes) {
   {
     const std::lock_guard lock(mutex_);
-    User& ofUser = users_[user];
-    if (ofUser.calls == limits_.callsPerUserMax) return nullptr;
+    const auto found = users_.find(user);
+    const User before = found == users_.end() ? User{} : found->second;
+    if (before.calls == limits_.callsPerUserMax) return std::unexpected(CallLimit::callsOfUser);
+    if (calls_ == limits_.callsMax) return std::unexpected(CallLimit::calls);
+    if (requestBytes > limits_.requestBytesPerUserMax - before.requestBytes) {
+      return std::unexpected(CallLimit::requestBytesOfUser);
+    }
+    if (requestBytes > limits_.requestBytesMax - requestBytes_) {
+      return std::unexpected(CallLimit::requestBytes);
+    }
     ++calls_;
+    requestBytes_ += requestBytes;
+    User& ofUser = users_[user];
     ++ofUser.calls;
+    ofUser.requestBytes += requestBytes;
   }
-  return std::make_shared<Entry>(shared_from_this(), user, true);
+  return std::make_shared<Entry>(shared_from_this(), user, true, requestBytes);
 }
 
-void ConnectionLedger::erase(uid_t user, bool isCall) {
+void ConnectionLedger::erase(uid_t user, bool isCall, std::size_t requestBytes) {
   const std::lock_guard lock(mutex_);
   const auto found = users_.find(user);
   --(isCall ? calls_ : connections_);
   --(isCall ? found->second.calls : found->second.connections);
+  requestBytes_ -= requestBytes;
+  found->second.requestBytes -= requestBytes;
   if (found->second.connections == 0 && found->second.calls == 0) users_.erase(found);
 }
 

@@ -23,8 +23,10 @@ void FairGate::State::admit(uid_t user) {
 }
 
 Task<std::shared_ptr<FairGate::Pass>> FairGate::enterThrough(std::shared_ptr<State> state,
-                                                             uid_t user) {
+                                                             uid_t user,
+                                                             concurrency::Cancellation givenUp) {
   Arrival arrival;
+  std::uint64_t number = 0;
   {
     const std::lock_guard lock(state->mutex);
     // Whoever may go in now passes only those who wait for others of their own user to leave.
@@ -32,9 +34,16 @@ Task<std::shared_ptr<FairGate::Pass>> FairGate::enterThrough(std::shared_ptr<Sta
       state->admit(user);
       arrival.settle(std::make_shared<Pass>(state, user));
     } else {
-      state->waiting.push_back({user, arrival});
+      number = ++state->lastNumber;
+      state->waiting.push_back({number, user, arrival});
     }
   }
+  const auto registration = givenUp.onCancel([state, number, arrival] {
+    // A pass that is on its way is given back by whoever sends it.
+    if (!arrival.settle(nullptr)) return;
+    const std::lock_guard lock(state->mutex);
+    std::erase_if(state->waiting, [&](const Waiting& waiting) { return waiting.number == number; });
+  });
   auto pass = co_await arrival.wait();
   co_return pass;
 }
@@ -57,6 +66,11 @@ void FairGate::leave(const std::shared_ptr<State>& state, uid_t user) {
   }
   // A pass that nobody waits for any more is given back here, which calls this again.
   for (const auto& next : admitted) next.arrival.settle(std::make_shared<Pass>(state, next.user));
+}
+
+std::size_t FairGate::waiting() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->waiting.size();
 }
 
 FairGate::Pass::~Pass() { leave(state_, user_); }

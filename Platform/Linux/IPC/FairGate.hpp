@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include "StillowConcurrency/Cancellation.hpp"
 #include "StillowConcurrency/OneShot.hpp"
 #include "StillowConcurrency/Task.hpp"
 
@@ -36,14 +38,19 @@ class FairGate {
 
   FairGate(std::size_t most, std::size_t mostPerUser);
 
-  /// Waits for a place. Never null.
-  [[nodiscard]] concurrency::Task<std::shared_ptr<Pass>> enter(uid_t user) const {
-    return enterThrough(state_, user);
+  /// Waits for a place. Null if the place is given up before there is one: then nobody stands in
+  /// the queue any more.
+  [[nodiscard]] concurrency::Task<std::shared_ptr<Pass>> enter(
+      uid_t user, concurrency::Cancellation givenUp) const {
+    return enterThrough(state_, user, std::move(givenUp));
   }
+  /// Those who wait for a place.
+  [[nodiscard]] std::size_t waiting() const;
 
  private:
   using Arrival = concurrency::OneShot<std::shared_ptr<Pass>>;
   struct Waiting {
+    std::uint64_t number;
     uid_t user;
     Arrival arrival;
   };
@@ -53,6 +60,7 @@ class FairGate {
     std::size_t mostPerUser = 0;
     std::size_t inside = 0;
     std::map<uid_t, std::size_t> insideOfUser;
+    std::uint64_t lastNumber = 0;
     std::deque<Waiting> waiting;
 
     bool admits(uid_t user) const;
@@ -60,7 +68,8 @@ class FairGate {
   };
 
   static concurrency::Task<std::shared_ptr<Pass>> enterThrough(std::shared_ptr<State> state,
-                                                               uid_t user);
+                                                               uid_t user,
+                                                               concurrency::Cancellation givenUp);
   static void leave(const std::shared_ptr<State>& state, uid_t user);
 
   std::shared_ptr<State> state_;

@@ -15,7 +15,7 @@ namespace stillow::platform {
 struct OutgoingLine {
   std::vector<rpc::Text> texts;
   std::vector<ByteBudget::Charge> charges;
-  std::size_t callsAnswered = 0;  ///< which are in flight until this is written
+  std::size_t callsAnswered = 0;  ///< which are in flight until this begins to be written
 
   /// With the line feed, and with brackets and commas for a batch.
   [[nodiscard]] static OutgoingLine of(std::vector<rpc::Text> texts, bool isBatch,

@@ -17,8 +17,8 @@ struct SocketLimits {
   /// document takes 32 bytes for each, so a line cannot cost more than 256 MiB while it is decoded.
   std::size_t lineValuesMax = std::size_t{8} << 20U;
 
-  /// Lines beyond this many bytes are read for one client of a user, and for two in all, at a time;
-  /// the others wait. A few hundred sites stay below it.
+  /// Lines beyond this many bytes are read, and the request in them is worked on, for one client of
+  /// a user and for two in all at a time; the others wait. A few hundred sites stay below it.
   std::size_t smallLineBytesMax = std::size_t{32} << 10U;
   std::size_t bigLinesMax = 2;
   std::size_t bigLinesPerUserMax = 1;
@@ -27,12 +27,20 @@ struct SocketLimits {
   /// socket take a fraction of a second.
   std::chrono::nanoseconds bigLineTimeMax = std::chrono::seconds(10);
 
-  /// Calls of one connection whose answers have not been written. More than any program waits for;
-  /// a script that sends calls without reading is stopped here.
+  /// Calls of one connection whose answers have not begun to be written. More than any program
+  /// waits for; a script that sends calls without reading is stopped here.
   std::size_t callsInFlightPerConnectionMax = 1'024;
   /// Calls of one user, those of connections that are gone among them: one takes about 4 KiB while
   /// it runs, apart from its request, and cannot be taken back.
   std::size_t callsInFlightPerUserMax = 4'096;
+  /// Calls of all users: one person may have thousands of user ids.
+  std::size_t callsInFlightMax = 16'384;
+
+  /// Requests in small lines that have not been answered, of one user and of all. Decoded, which
+  /// they are while they wait for their turn, they take up to 32 times as much. Requests in long
+  /// lines keep the line's place instead.
+  std::size_t requestBytesPerUserMax = std::size_t{1} << 20U;
+  std::size_t requestBytesMax = std::size_t{4} << 20U;
 
   /// Together these fit into 2,048 descriptors, with the two that each peer's check takes.
   std::size_t connectionsMax = 512;

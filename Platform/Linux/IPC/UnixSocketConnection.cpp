@@ -2,14 +2,13 @@
 
 #include <array>
 
-#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <poll.h>
 
+#include "PlatformLinuxIPC/Completion.hpp"
 #include "PlatformLinuxPeer/LogText.hpp"
 #include "StillowConcurrency/Deadline.hpp"
 
@@ -25,8 +24,6 @@ namespace {
 constexpr std::size_t chunkBytes = 16 * 1024;
 /// Texts that are written at once: three buffers each, and the system takes 1,024.
 constexpr std::size_t textsAtOnceMax = 64;
-
-constexpr auto completion = boost::asio::as_tuple(boost::asio::use_awaitable);
 
 /// Both directions of the connection are gone, not just the peer's sending.
 bool hasHungUp(int descriptor) {
@@ -111,12 +108,10 @@ Task<void> UnixSocketConnection::run(Self self,
                                      std::shared_ptr<ipc::ConnectedPeer> peer) {
   if (requirement) {
     const auto server = self->server_;
-    const Cancellation tooLate;
     Task<Verdict> checking = check(server, std::move(*requirement), std::move(peer),
-                                   static_cast<uid_t>(self->peer_.uid), tooLate);
+                                   static_cast<uid_t>(self->peer_.uid), self->ending_);
     const auto verdict = co_await concurrency::within(server->limits.peerCheckTimeMax,
                                                       server->sleeper, std::move(checking));
-    if (!verdict) tooLate.cancel();
     if (self->hasEnded_) co_return;
     if (!verdict) {
       self->refuse("its executable could not be checked in time");
@@ -132,9 +127,10 @@ Task<void> UnixSocketConnection::run(Self self,
 
 Task<UnixSocketConnection::Verdict> UnixSocketConnection::check(
     std::shared_ptr<const SocketServer> server, ipc::CodeSigningRequirement requirement,
-    std::shared_ptr<ipc::ConnectedPeer> peer, uid_t user, Cancellation tooLate) {
-  auto pass = co_await server->peerChecks.enter(user);
-  if (tooLate.isCancelled()) co_return Verdict{};
+    std::shared_ptr<ipc::ConnectedPeer> peer, uid_t user, Cancellation givenUp) {
+  // A refused connection takes its place in the queue along: the peers in it hold descriptors.
+  auto pass = co_await server->peerChecks.enter(user, std::move(givenUp));
+  if (!pass) co_return Verdict{};
   // The pass goes with the work: past the deadline the thread is busy all the same.
   const auto look = [peer, pass = std::move(pass)] { return peer->codeIdentity(); };
   const auto identity = co_await concurrency::runBlocking(server->blocking, look);
@@ -185,7 +181,8 @@ Task<void> UnixSocketConnection::readLines(Self self) {
 
 Task<void> UnixSocketConnection::makeRoom(Self self) {
   const auto server = self->server_;
-  auto pass = co_await server->bigLines.enter(static_cast<uid_t>(self->peer_.uid));
+  const auto user = static_cast<uid_t>(self->peer_.uid);
+  auto pass = co_await server->bigLines.enter(user, self->ending_);
   if (self->hasEnded_) co_return;
   const std::size_t bytes = server->limits.lineBytesMax;
   self->line_->room =
@@ -224,11 +221,12 @@ void UnixSocketConnection::handleLine() {
     const auto* const call = std::get_if<rpc::Call>(&request);
     ipc::SharedBytes params;
     if (call != nullptr && call->params) params = line.request(*call->params, !batch);
-    handle(request, std::move(params), batch);
+    handle(request, std::move(params), line.room, batch);
   }
 }
 
 void UnixSocketConnection::handle(const rpc::Request& request, ipc::SharedBytes params,
+                                  const std::shared_ptr<LineRoom>& room,
                                   const std::shared_ptr<Batch>& batch) {
   // What gets one of the standard's answers counts too: somebody may send nothing else.
   if (callsInFlight_ == server_->limits.callsInFlightPerConnectionMax) {
@@ -239,26 +237,31 @@ void UnixSocketConnection::handle(const rpc::Request& request, ipc::SharedBytes 
   if (const auto* const fault = std::get_if<rpc::Fault>(&request)) {
     settle(rpc::errorText(fault->id, fault->error), batch);
   } else if (const auto* const known = std::get_if<rpc::Call>(&request)) {
-    call(*known, std::move(params), batch);
+    call(*known, std::move(params), room, batch);
   } else {
     settle(std::nullopt, batch);
   }
 }
 
 void UnixSocketConnection::call(const rpc::Call& call, ipc::SharedBytes params,
+                                std::shared_ptr<LineRoom> room,
                                 const std::shared_ptr<Batch>& batch) {
-  auto entry = server_->ledger->addCall(static_cast<uid_t>(peer_.uid));
-  if (!entry) {
-    lose("its user has more than " + std::to_string(server_->limits.callsInFlightPerUserMax) +
-         " calls in flight");
-    return;
-  }
+  // What a long request is decoded to is larger still, so its room is kept until it is answered.
+  if (!params) room = nullptr;
+  const std::size_t requestBytes = params && !room ? params->size() : 0;
+  auto entry = server_->ledger->addCall(static_cast<uid_t>(peer_.uid), requestBytes);
+  if (!entry) return lose(entry.error());
   if (batch && call.operation == ipc::DaemonOperation::subscribeToStatusChanges &&
       !std::exchange(batch->holdsPushes, true)) {
     ++batchesThatHoldPushes_;
   }
   const ipc::CallAnswer callAnswer([weak = weak_from_this(), strand = strand_, id = call.id, batch,
-                                    entry = std::move(entry)](const ipc::DaemonReply& reply) {
+                                    entry = std::move(*entry),
+                                    room = std::move(room)](const ipc::DaemonReply& reply) mutable {
+    // First: whoever has the answer may use what the call took.
+    entry = nullptr;
+    room = nullptr;
+
     boost::asio::post(strand, [weak, id, batch, reply] {
       if (const auto self = weak.lock()) self->answer(id, reply, batch);
     });
@@ -338,9 +341,10 @@ Task<void> UnixSocketConnection::writeLines(Self self) {
   while (!self->hasEnded_ && !self->outgoing_.empty()) {
     const std::vector<OutgoingLine> lines = self->outgoing_.take(textsAtOnceMax);
     std::vector<boost::asio::const_buffer> buffers;
-    std::size_t callsAnswered = 0;
     for (const OutgoingLine& line : lines) {
-      callsAnswered += line.callsAnswered;
+      // Before it is written: a client that waits for an answer before it calls again may do so
+      // before we learn that the answer was taken.
+      self->callsInFlight_ -= line.callsAnswered;
       for (const rpc::Text& text : line.texts) {
         buffers.emplace_back(text.head.data(), text.head.size());
         if (text.body) buffers.emplace_back(text.body->data(), text.body->size());
@@ -350,7 +354,6 @@ Task<void> UnixSocketConnection::writeLines(Self self) {
     const auto [error, count] =
         co_await boost::asio::async_write(self->socket_, buffers, completion);
     if (error) self->end();
-    self->callsInFlight_ -= callsAnswered;
   }
   self->isWriting_ = false;
   self->endIfDrained();
@@ -387,6 +390,12 @@ void UnixSocketConnection::stop() {
   boost::asio::post(strand_, [self = shared_from_this()] { self->end(); });
 }
 
+void UnixSocketConnection::discard() {
+  boost::asio::post(strand_, [self = shared_from_this()] {
+    if (!std::exchange(self->hasEnded_, true)) self->close();
+  });
+}
+
 void UnixSocketConnection::refuse(std::string_view reason) {
   server_->log->write("refused the connection of " + peerName() + ": " + std::string(reason));
   end();
@@ -398,8 +407,36 @@ void UnixSocketConnection::lose(std::string_view reason) {
   end();
 }
 
+void UnixSocketConnection::lose(ConnectionLedger::CallLimit limit) {
+  using enum ConnectionLedger::CallLimit;
+  const SocketLimits& limits = server_->limits;
+  const auto tooMany = [](std::string_view whose, std::size_t most) {
+    return std::string(whose) + " more than " + std::to_string(most) + " calls in flight";
+  };
+  const auto tooLarge = [](std::string_view whose, std::size_t most) {
+    return "requests of " + std::string(whose) + " keep more than " + std::to_string(most) +
+           " bytes waiting";
+  };
+  switch (limit) {
+    case callsOfUser:
+      return lose(tooMany("its user has", limits.callsInFlightPerUserMax));
+    case calls:
+      return lose(tooMany("all users together have", limits.callsInFlightMax));
+    case requestBytesOfUser:
+      return lose(tooLarge("its user", limits.requestBytesPerUserMax));
+    case requestBytes:
+      return lose(tooLarge("all users together", limits.requestBytesMax));
+  }
+}
+
 void UnixSocketConnection::end() {
   if (std::exchange(hasEnded_, true)) return;
+  close();
+  if (const auto delegate = server_->delegate.lock()) delegate->ended(id_);
+}
+
+void UnixSocketConnection::close() {
+  ending_.cancel();
   boost::system::error_code ignored;  // the descriptor is gone whatever close says
   (void)socket_.close(ignored);
   line_->hasArrived.cancel();
@@ -407,7 +444,6 @@ void UnixSocketConnection::end() {
   outgoing_.clear();
   heldPush_ = nullptr;
   place_ = nullptr;
-  if (const auto delegate = server_->delegate.lock()) delegate->ended(id_);
 }
 
 std::string UnixSocketConnection::peerName() const {

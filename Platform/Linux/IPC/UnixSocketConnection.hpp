@@ -68,6 +68,9 @@ class UnixSocketConnection final : public ipc::ServedConnection,
              std::shared_ptr<ipc::ConnectedPeer> peer);
   /// Ends the connection, soon.
   void stop();
+  /// Instead of `begin`: closes a connection that the delegate did not accept and hears no more of.
+  /// Whether the delegate keeps it makes no difference.
+  void discard();
 
  private:
   using Self = std::shared_ptr<UnixSocketConnection>;
@@ -82,7 +85,7 @@ class UnixSocketConnection final : public ipc::ServedConnection,
   static concurrency::Task<Verdict> check(std::shared_ptr<const SocketServer> server,
                                           ipc::CodeSigningRequirement requirement,
                                           std::shared_ptr<ipc::ConnectedPeer> peer, uid_t user,
-                                          concurrency::Cancellation tooLate);
+                                          concurrency::Cancellation givenUp);
   static concurrency::Task<void> readLines(Self self);
   static concurrency::Task<void> makeRoom(Self self);
   static concurrency::Task<void> limitArrival(std::weak_ptr<UnixSocketConnection> weak,
@@ -93,8 +96,9 @@ class UnixSocketConnection final : public ipc::ServedConnection,
 
   void handleLine();
   void handle(const rpc::Request& request, ipc::SharedBytes params,
-              const std::shared_ptr<Batch>& batch);
-  void call(const rpc::Call& call, ipc::SharedBytes params, const std::shared_ptr<Batch>& batch);
+              const std::shared_ptr<LineRoom>& room, const std::shared_ptr<Batch>& batch);
+  void call(const rpc::Call& call, ipc::SharedBytes params, std::shared_ptr<LineRoom> room,
+            const std::shared_ptr<Batch>& batch);
   void answer(const std::string& id, ipc::DaemonReply reply, const std::shared_ptr<Batch>& batch);
   void settle(std::optional<rpc::Text> text, const std::shared_ptr<Batch>& batch);
   void enqueue(std::vector<rpc::Text> texts, bool isBatch, std::size_t callsAnswered);
@@ -105,7 +109,9 @@ class UnixSocketConnection final : public ipc::ServedConnection,
   void endIfDrained();
   void refuse(std::string_view reason);
   void lose(std::string_view reason);
+  void lose(ConnectionLedger::CallLimit limit);
   void end();
+  void close();
   [[nodiscard]] std::string peerName() const;
 
   const std::shared_ptr<const SocketServer> server_;
@@ -120,10 +126,11 @@ class UnixSocketConnection final : public ipc::ServedConnection,
   OutgoingQueue outgoing_;
   ipc::SharedBytes heldPush_;  ///< waits for the answer to a batch that subscribes
   std::size_t batchesThatHoldPushes_ = 0;
-  std::size_t callsInFlight_ = 0;  ///< until their answers are written
+  std::size_t callsInFlight_ = 0;  ///< until their answers begin to be written
   bool isWriting_ = false;
   bool inputEnded_ = false;
   bool hasEnded_ = false;
+  concurrency::Cancellation ending_;  ///< whoever waits in its name gives up
 };
 
 }  // namespace stillow::platform

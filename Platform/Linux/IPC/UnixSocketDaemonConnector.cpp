@@ -8,16 +8,15 @@
 #include <utility>
 #include <vector>
 
-#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "PlatformLinuxIPC/Completion.hpp"
 #include "PlatformLinuxIPC/DaemonSocket.hpp"
 #include "PlatformLinuxIPC/JSONRPC.hpp"
 #include "PlatformLinuxIPC/SocketLimits.hpp"
@@ -35,8 +34,6 @@ using Failure = DaemonConnectionFailure;
 using Protocol = boost::asio::local::stream_protocol;
 using Socket = Protocol::socket;
 using Dependencies = UnixSocketDaemonConnector::Dependencies;
-
-constexpr auto completion = boost::asio::as_tuple(boost::asio::use_awaitable);
 
 /// Between two tries while the daemon's queue of new connections is full.
 constexpr std::chrono::milliseconds connectPause(20);
@@ -257,9 +254,10 @@ class UnixSocketDaemonConnector::Connection final
     boost::system::error_code ignored;  // the descriptor is gone whatever close says
     (void)socket_->close(ignored);
     outgoing_.clear();
+    // First, so that whoever calls again because of the error does so on a new connection.
+    handlers_.lost();
     const auto calls = std::exchange(calls_, {});
     for (const auto& [id, call] : calls) call.onError(*ended_);
-    handlers_.lost();
   }
 
   const std::shared_ptr<const Dependencies> dependencies_;

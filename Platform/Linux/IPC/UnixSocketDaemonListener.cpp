@@ -5,13 +5,12 @@
 #include <optional>
 #include <utility>
 
-#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/strand.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <sys/socket.h>
 
+#include "PlatformLinuxIPC/Completion.hpp"
 #include "PlatformLinuxIPC/ListeningSocket.hpp"
 #include "PlatformLinuxIPC/UnixSocketConnection.hpp"
 
@@ -22,7 +21,6 @@ using concurrency::Task;
 namespace {
 
 using Protocol = boost::asio::local::stream_protocol;
-constexpr auto completion = boost::asio::as_tuple(boost::asio::use_awaitable);
 
 /// The system's own word for who connected, for counting and for the log.
 std::optional<ipc::PeerProcess> processAt(int connectedSocket) {
@@ -47,7 +45,10 @@ std::shared_ptr<SocketServer> serverOf(const UnixSocketDaemonListener::Dependenc
       .ledger = std::make_shared<ConnectionLedger>(
           ConnectionLedger::Limits{.connectionsMax = limits.connectionsMax,
                                    .connectionsPerUserMax = limits.connectionsPerUserMax,
-                                   .callsPerUserMax = limits.callsInFlightPerUserMax}),
+                                   .callsPerUserMax = limits.callsInFlightPerUserMax,
+                                   .callsMax = limits.callsInFlightMax,
+                                   .requestBytesPerUserMax = limits.requestBytesPerUserMax,
+                                   .requestBytesMax = limits.requestBytesMax}),
       .log = std::make_shared<RefusalLog>(dependencies.executor, dependencies.sleeper,
                                           dependencies.log, limits.logLinesMax, limits.logWindow),
       .bigLines = FairGate(limits.bigLinesMax, limits.bigLinesPerUserMax),
@@ -123,12 +124,15 @@ class UnixSocketDaemonListener::Acceptor final : public std::enable_shared_from_
     const auto connection = std::make_shared<UnixSocketConnection>(server_, std::move(socket),
                                                                    *process, std::move(place));
     const auto terms = delegate->shouldAcceptNewConnection(connection);
-    if (!terms) return refuse(*process, "the code-signing requirement does not compile");
+    if (!terms) {
+      connection->discard();
+      return refuse(*process, "the code-signing requirement does not compile");
+    }
     std::shared_ptr<ipc::ConnectedPeer> peer;
     if (terms->requirement) {
       auto connected = peers_->connectedPeer(descriptor);
       if (!connected) {
-        delegate->ended(connection->identity());
+        connection->stop();
         return refuse(*process, connected.error());
       }
       peer = std::move(*connected);
