@@ -24,68 +24,87 @@ enum Kind : std::uint8_t { exact = 1, wildcardParent = 2, exception = 4 };
 /// for most hosts is after two.
 class RuleTable {
  public:
-  explicit RuleTable(std::size_t nodesMax) : slots_(std::bit_ceil(2 * nodesMax + 2)) {}
-
   void insert(std::string_view rule, Kind kind) {
     const std::string composed = text::canonicallyComposed(rule);
     const auto isSeparator = [&](std::size_t at) { return text::isWholeCharacter(composed, at); };
-    hash_.forEachSuffix(composed, isSeparator, [&](const SuffixHash::Suffix& suffix) {
-      Slot& slot = slotFor(std::string_view(composed).substr(suffix.offset), suffix.hash);
-      if (suffix.offset == 0) slot.kinds |= kind;
+    require(text_.size() + composed.size() <= std::numeric_limits<std::uint32_t>::max(),
+            "the public suffix list is too long");
+    const std::size_t start = text_.size();
+    text_ += composed;
+    hash_.forEachSuffix(composed, 1, isSeparator, [&](const SuffixHash::Suffix& suffix) {
+      Node& node = nodeFor({.hash = suffix.hash,
+                            .offset = static_cast<std::uint32_t>(start + suffix.offset),
+                            .length = static_cast<std::uint32_t>(composed.size() - suffix.offset)});
+      if (suffix.offset == 0) node.kinds |= kind;
       return false;
     });
   }
 
   /// The kinds of rule that `suffix` is: 0 if rules only end in it, -1 if none does.
   [[nodiscard]] int kindsOf(std::string_view suffix, std::uint64_t hash) const noexcept {
-    for (std::size_t at = indexOf(hash);; at = (at + 1) & (slots_.size() - 1)) {
-      const Slot& slot = slots_[at];
-      if (!slot.isTaken) return -1;
-      if (slot.tag == tagOf(hash) && textOf(slot) == suffix) return slot.kinds;
+    for (std::size_t at = slotOf(hash); slots_[at].node != 0; at = next(at)) {
+      if (slots_[at].tag != tagOf(hash)) continue;
+      const Node& node = nodes_[slots_[at].node - 1];
+      if (textOf(node) == suffix) return node.kinds;
     }
+    return -1;
   }
 
   [[nodiscard]] const SuffixHash& hash() const noexcept { return hash_; }
 
  private:
+  struct Node {
+    std::uint64_t hash;
+    std::uint32_t offset;  ///< in `text_`
+    std::uint32_t length;
+    std::uint8_t kinds = 0;
+  };
+  /// Small, because most look-ups end at a free slot or at one with another tag.
   struct Slot {
     std::uint32_t tag = 0;
-    std::uint32_t offset = 0;
-    std::uint32_t length = 0;
-    std::uint8_t kinds = 0;
-    bool isTaken = false;
+    std::uint32_t node = 0;  ///< counts from 1; 0 marks a free slot
   };
 
   static constexpr std::uint32_t tagOf(std::uint64_t hash) noexcept {
     return static_cast<std::uint32_t>(hash);
   }
-  [[nodiscard]] std::size_t indexOf(std::uint64_t hash) const noexcept {
-    return static_cast<std::size_t>(hash >>
-                                    (64U - static_cast<unsigned>(std::countr_zero(slots_.size()))));
+  [[nodiscard]] std::size_t slotOf(std::uint64_t hash) const noexcept {
+    const int indexBits = std::countr_zero(slots_.size());
+    return static_cast<std::size_t>(hash >> (64U - static_cast<unsigned>(indexBits)));
   }
-  [[nodiscard]] std::string_view textOf(const Slot& slot) const noexcept {
-    return std::string_view(text_).substr(slot.offset, slot.length);
+  [[nodiscard]] std::size_t next(std::size_t slot) const noexcept {
+    return (slot + 1) & (slots_.size() - 1);
+  }
+  [[nodiscard]] std::string_view textOf(const Node& node) const noexcept {
+    return std::string_view(text_).substr(node.offset, node.length);
   }
 
-  Slot& slotFor(std::string_view suffix, std::uint64_t hash) {
-    for (std::size_t at = indexOf(hash);; at = (at + 1) & (slots_.size() - 1)) {
-      Slot& slot = slots_[at];
-      if (slot.isTaken) {
-        if (slot.tag == tagOf(hash) && textOf(slot) == suffix) return slot;
-        continue;
-      }
-      require(text_.size() + suffix.size() <= std::numeric_limits<std::uint32_t>::max(),
-              "the public suffix list is too long");
-      slot = {tagOf(hash), static_cast<std::uint32_t>(text_.size()),
-              static_cast<std::uint32_t>(suffix.size()), 0, true};
-      text_ += suffix;
-      return slot;
+  Node& nodeFor(const Node& wanted) {
+    std::size_t at = slotOf(wanted.hash);
+    for (; slots_[at].node != 0; at = next(at)) {
+      Node& node = nodes_[slots_[at].node - 1];
+      if (node.hash == wanted.hash && textOf(node) == textOf(wanted)) return node;
+    }
+    nodes_.push_back(wanted);
+    slots_[at] = {tagOf(wanted.hash), static_cast<std::uint32_t>(nodes_.size())};
+    if (2 * nodes_.size() > slots_.size()) doubleSlots();
+    return nodes_.back();
+  }
+
+  void doubleSlots() {
+    slots_.assign(2 * slots_.size(), Slot{});
+    for (std::uint32_t node = 1; node <= nodes_.size(); ++node) {
+      const std::uint64_t hash = nodes_[node - 1].hash;
+      std::size_t at = slotOf(hash);
+      while (slots_[at].node != 0) at = next(at);
+      slots_[at] = {tagOf(hash), node};
     }
   }
 
   // The rules ship with the product, so nobody can choose them to collide.
   SuffixHash hash_ = SuffixHash::fixed();
-  std::vector<Slot> slots_;
+  std::vector<Slot> slots_ = std::vector<Slot>(2);  // A power of two, at most half of them taken.
+  std::vector<Node> nodes_;
   std::string text_;
 };
 
@@ -121,7 +140,7 @@ struct PublicSuffixList::Rules {
   RuleSet exactRules;
   RuleSet wildcardParents;
   RuleSet exceptionRules;
-  RuleTable table{0};
+  RuleTable table;
 
   [[nodiscard]] bool holds(const std::string& candidate, Kind kind) const {
     const std::string composed = text::canonicallyComposed(candidate);
@@ -161,13 +180,6 @@ PublicSuffixList::PublicSuffixList(std::string_view contents) {
   const std::pair<const RuleSet&, Kind> sets[]{{rules->exactRules, exact},
                                                {rules->wildcardParents, wildcardParent},
                                                {rules->exceptionRules, exception}};
-  std::size_t nodesMax = 0;
-  for (const auto& [set, kind] : sets) {
-    for (const auto& rule : set) {
-      nodesMax += 1 + static_cast<std::size_t>(std::ranges::count(rule, '.'));
-    }
-  }
-  rules->table = RuleTable(nodesMax);
   for (const auto& [set, kind] : sets) {
     for (const auto& rule : set) rules->table.insert(rule, kind);
   }
@@ -211,10 +223,10 @@ std::optional<PublicSuffixList::Split> PublicSuffixList::split(
   std::size_t labels = 0;
   std::size_t suffixLabels = 0;
   bool isBelowWildcard = false;
-  bool isMalformed = false;
+  bool hasEmptyLabel = false;
   const auto isSeparator = [](std::size_t) { return true; };
-  table.hash().forEachSuffix(host, isSeparator, [&](const SuffixHash::Suffix& candidate) {
-    if (candidate.offset == end) return isMalformed = true;
+  table.hash().forEachSuffix(host, 1, isSeparator, [&](const SuffixHash::Suffix& candidate) {
+    if (candidate.offset == end) return hasEmptyLabel = true;
     labels = candidate.labels;
     const int kinds = table.kindsOf(host.substr(candidate.offset), candidate.hash);
     const bool isRule = kinds > 0;
@@ -232,7 +244,7 @@ std::optional<PublicSuffixList::Split> PublicSuffixList::split(
     // One label more is looked at even where no rule follows: it may be the registrable one.
     return kinds < 0 && labels > suffixLabels;
   });
-  if (isMalformed) return std::nullopt;
+  if (hasEmptyLabel) return std::nullopt;
   if (labels == 1 || suffix == 0) return Split{host, {}};
   return Split{host.substr(suffix), host.substr(registrable)};
 }

@@ -20,18 +20,24 @@ namespace stillow::core::text {
   return static_cast<unsigned char>(c) < 0x80;
 }
 [[nodiscard]] constexpr bool isASCII(std::string_view text) noexcept {
-  std::size_t at = 0;
-  if (!std::is_constant_evaluated()) {
-    for (; text.size() - at >= 8; at += 8) {
-      std::uint64_t word = 0;
-      std::memcpy(&word, text.data() + at, 8);
-      if ((word & 0x8080'8080'8080'8080U) != 0) return false;
+  if (std::is_constant_evaluated() || text.size() < 8) {
+    for (const char c : text) {
+      if (!isASCII(c)) return false;
     }
+    return true;
   }
-  for (; at < text.size(); ++at) {
-    if (!isASCII(text[at])) return false;
-  }
-  return true;
+  // Eight bytes at a time; the last word overlaps the one before. Up to the size of most host names
+  // nothing depends on the size, so that no branch is guessed wrong.
+  const auto load = [&](std::size_t at) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + at, 8);
+    return word;
+  };
+  const std::size_t last = text.size() - 8;
+  const auto orLast = [last](std::size_t at) { return at < last ? at : last; };
+  std::uint64_t all = load(0) | load(orLast(8)) | load(orLast(16)) | load(last);
+  for (std::size_t at = 24; at < last; at += 8) all |= load(at);
+  return (all & 0x8080'8080'8080'8080U) == 0;
 }
 [[nodiscard]] constexpr char lowercasedASCII(char c) noexcept {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;

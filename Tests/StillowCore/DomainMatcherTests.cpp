@@ -9,6 +9,7 @@
 
 #include "StillowCore/DomainMatcher.hpp"
 #include "StillowCore/Scope.hpp"
+#include "TestSupport/AllocationCount.hpp"
 
 namespace stillow::core {
 namespace {
@@ -151,6 +152,18 @@ TEST(DomainMatcher, comparesNamesBeyondASCIIByCanonicalEquivalence) {
   EXPECT_FALSE(marked.matches("\u0301b.com"));
 }
 
+// Hosts are read in pieces, and what decides about a dot may lie in the piece before it.
+TEST(DomainMatcher, seesWhatStandsBeforeADotWhereverTheDotIs) {
+  for (std::size_t length = 3; length <= 60; ++length) {
+    const std::string name = std::string(length - 2, 'n') + ".c";
+    const auto one = matcher({name});
+    EXPECT_TRUE(one.matches("a." + name)) << length;
+    EXPECT_TRUE(one.matches("\u00FC." + name)) << length;
+    EXPECT_FALSE(one.matches("a\u0600." + name)) << length;
+    EXPECT_FALSE(one.matches("a.b\u0600." + name)) << length;
+  }
+}
+
 TEST(DomainMatcher, isNotFooledByBytesThatAreNoUTF8) {
   const auto one = matcher({"example.com"});
   EXPECT_TRUE(one.matches("\xFF.example.com"));
@@ -214,6 +227,32 @@ TEST(DomainMatcher, agreesWithScopeContainsAndWithASuffixCheckOnRandomNames) {
   // The test is worth something only while both answers are common.
   EXPECT_GT(matched, asked / 10);
   EXPECT_LT(matched, asked * 9 / 10);
+}
+
+TEST(DomainMatcher, allocatesNothingForAHostOfASCII) {
+  std::vector<std::string> names{"x.y.z.w.v.example", std::string(200, 'l') + ".example"};
+  for (int i = 0; i < 1'000; ++i) names.push_back("n" + std::to_string(i) + ".example");
+  const auto many = matcher(names);
+  std::string deep;
+  for (int label = 0; label < 60; ++label) deep += "a.";
+  const std::vector<std::string> blocked{
+      "n7.example",    "www.n7.example", "a.b.c.d.n999.example.", "WWW.N8.Example", deep + names[0],
+      deep + names[1], names[1],         deep + "n7.example"};
+  const std::vector<std::string> others{"",
+                                        ".",
+                                        "com",
+                                        "a.b",
+                                        "neighbour.example",
+                                        deep,
+                                        deep + "example",
+                                        "l" + names[1],
+                                        deep + "v.example."};
+  std::size_t matched = 0;
+  const auto before = test::allocationsOfThisThread();
+  for (const auto& host : blocked) matched += many.matches(host) ? 1U : 0U;
+  for (const auto& host : others) matched += many.matches(host) ? 1'000U : 0U;
+  EXPECT_EQ(test::allocationsOfThisThread(), before);
+  EXPECT_EQ(matched, blocked.size());
 }
 
 TEST(DomainMatcher, findsEveryOneOfManyNames) {

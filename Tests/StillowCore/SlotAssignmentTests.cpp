@@ -1,0 +1,59 @@
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "StillowCore/SlotAssignment.hpp"
+
+namespace stillow::core {
+namespace {
+
+std::vector<std::uint64_t> someHashes(std::size_t count) {
+  std::mt19937_64 random(816'458'820 + count);
+  std::vector<std::uint64_t> hashes(count);
+  for (auto& hash : hashes) hash = random();
+  return hashes;
+}
+
+TEST(SlotAssignment, givesEveryHashASlotOfItsOwn) {
+  for (const std::size_t count : {1, 2, 3, 5, 10, 100, 1'000, 100'000}) {
+    const auto hashes = someHashes(count);
+    for (const std::size_t groupCount :
+         {std::size_t{1}, std::bit_ceil(count / 4 + 1), 4 * std::bit_ceil(count)}) {
+      // Nobody asks for groups of a thousand: no number serves so many at once.
+      if (count / groupCount > 10) continue;
+      SCOPED_TRACE(testing::Message() << count << " hashes in " << groupCount << " groups");
+      const auto pilots = SlotAssignment::pilots(hashes, groupCount);
+      ASSERT_TRUE(pilots);
+      ASSERT_EQ(pilots->size(), groupCount);
+      std::vector<bool> isTaken(SlotAssignment::slotsFor(count));
+      std::size_t shared = 0;
+      for (const auto hash : hashes) {
+        const auto pilot = (*pilots)[hash & (groupCount - 1)];
+        const std::size_t slot = SlotAssignment::slotOf(hash, pilot, isTaken.size());
+        ASSERT_LT(slot, isTaken.size());
+        if (isTaken[slot]) ++shared;
+        isTaken[slot] = true;
+      }
+      EXPECT_EQ(shared, 0U);
+    }
+  }
+}
+
+TEST(SlotAssignment, needsNoHashes) {
+  const auto pilots = SlotAssignment::pilots({}, 1);
+  ASSERT_TRUE(pilots);
+  EXPECT_EQ(pilots->size(), 1U);
+}
+
+TEST(SlotAssignment, refusesTwoEqualHashes) {
+  auto hashes = someHashes(1'000);
+  hashes[999] = hashes[17];
+  EXPECT_FALSE(SlotAssignment::pilots(hashes, 256));
+}
+
+}  // namespace
+}  // namespace stillow::core
