@@ -9,6 +9,7 @@
 #include <boost/asio/strand.hpp>
 #include <boost/system/error_code.hpp>
 #include <fcntl.h>
+#include <sys/types.h>
 
 namespace stillow::platform {
 
@@ -46,6 +47,8 @@ struct FilterProcessWatch::State {
       }
       forget();
     }
+    // Given once more by somebody who had not heard of its end yet.
+    if (process.pid() == toldProcess && !process.isRunning()) return;
     // A descriptor of its own, which asio closes.
     const int death = ::fcntl(process.pidfd(), F_DUPFD_CLOEXEC, 0);
     followed = std::make_shared<Followed>(strand, std::move(process));
@@ -70,6 +73,7 @@ struct FilterProcessWatch::State {
 
   void tell(Followed& process) {
     isFollowing = false;
+    toldProcess = process.process.pid();
     if (!std::exchange(process.isTold, true)) ended();
   }
 
@@ -83,6 +87,7 @@ struct FilterProcessWatch::State {
   WatchStrand strand;
   std::function<void()> ended;
   std::shared_ptr<Followed> followed;
+  pid_t toldProcess = 0;  ///< whose end was told last
   std::atomic<bool> isFollowing{false};
   bool isClosed = false;
 };
