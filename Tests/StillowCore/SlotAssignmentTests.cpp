@@ -19,7 +19,7 @@ std::vector<std::uint64_t> someHashes(std::size_t count) {
 }
 
 TEST(SlotAssignment, givesEveryHashASlotOfItsOwn) {
-  for (const std::size_t count : {1, 2, 3, 5, 10, 100, 1'000, 100'000}) {
+  for (const std::size_t count : {1U, 2U, 3U, 5U, 10U, 100U, 1'000U, 100'000U}) {
     const auto hashes = someHashes(count);
     for (const std::size_t groupCount :
          {std::size_t{1}, std::bit_ceil(count / 4 + 1), 4 * std::bit_ceil(count)}) {
