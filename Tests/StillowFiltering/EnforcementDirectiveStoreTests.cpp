@@ -109,6 +109,59 @@ TEST_F(FileEnforcementDirectiveStoreTest, failsToReadWhatIsNoDirective) {
   }
 }
 
+TEST_F(FileEnforcementDirectiveStoreTest, keepsTheDomainsOfAScopeThatHasNotChanged) {
+  EnforcementDirective published = directive(3, 1'000);
+  ASSERT_TRUE(store.publish(published));
+  const Read first = store.read();
+  ASSERT_TRUE(first && *first);
+  for (const double publishedAt : {2'000.0, 3'000.5}) {
+    published.publishedAt = Date{publishedAt};
+    published.validation.reset();
+    ASSERT_TRUE(store.publish(published));
+    const Read next = store.read();
+    ASSERT_TRUE(next && *next);
+    EXPECT_EQ(**next, published);
+    EXPECT_TRUE((*next)->scope->domains.isSameSetAs((*first)->scope->domains));
+  }
+}
+
+// Each text is read by a store that holds a Scope and by one that has read nothing yet; both have
+// to find the same.
+TEST_F(FileEnforcementDirectiveStoreTest, findsWhatAFreshStoreFindsWhateverItHasReadBefore) {
+  const std::string scope = R"("scope":{"generation":3,"domains":["a.example","b.example"]})";
+  const std::string rest = R"("validation":{"domain":"p.example","expiresAt":7},"publishedAt":9)";
+  const std::string texts[]{
+      "{" + scope + "," + rest + "}",
+      "{" + rest + "," + scope + "}",
+      "{ " + scope + "," + rest + "}",
+      "{" + scope + R"(,"publishedAt":9})",
+      "{" + scope + R"(,"publishedAt":9,"scope":{"generation":4,"domains":["c.example"]}})",
+      "{" + scope + R"(,"publishedAt":9,"scope":7})",
+      "{" + scope + R"(,"publishedAt":9)",
+      "{" + scope + R"(,"publishedAt":9}x)",
+      "{" + scope + ",}",
+      "{" + scope + "}",
+      "{" + scope,
+      "{" + scope.substr(0, scope.size() - 1) + "," + rest + "}",
+      R"({"publishedAt":9})",
+      R"({"scope":{"generation":3,"domains":["a.example","b.examples"]},"publishedAt":9})",
+      R"({"scope":{"generation":3,"domains":["a.example"]},"publishedAt":9})",
+      R"({"scope":{"generation":3,"domains":["a.example","b.example","c"]},"publishedAt":9})",
+      R"({"scope":{"generation":30,"domains":["a.example","b.example"]},"publishedAt":9})",
+      R"({"scope":{"generation":3,"domains":["a.example""b.example"]},"publishedAt":9})",
+      R"({"scope":{"generation":3,"domains":[]},"publishedAt":9})",
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text);
+    fs::remove_all(stateDirectory);
+    ASSERT_TRUE(store.publish(directive(3, 1'000)));
+    ASSERT_TRUE(store.read());
+    write(path, text);
+    const Read found = store.read();
+    EXPECT_EQ(found, FileEnforcementDirectiveStore(fileSystem, path).read());
+  }
+}
+
 TEST_F(FileEnforcementDirectiveStoreTest, namesTheOffendingDomain) {
   fs::create_directories(stateDirectory);
   write(path, R"({"scope":{"generation":1,"domains":["a.example","no name"]},"publishedAt":1})");
