@@ -108,20 +108,21 @@ class Running(FilterTestCase):
         self.assertEqual(len(web.requests()), 3)
 
     def test_packets_that_wait_at_its_end_are_answered(self):
-        self.start_server()
+        """All of them, although they do not fit into two batches. What stays the kernel discards."""
         self.directive.publish("blocked.example")
         self.start_filter()
         self.rules.arm()
-        tcp = self.connect()
+        receiver = self.receive_udp(9443)
+        sockets = [self.connect_udp(9443) for _ in range(70)]
         self.filter.send_signal(signal.SIGSTOP)
-        tcp.send(request("neighbour.example"))
-        wait_until(lambda: self.queue_line()[2] == 1, "the packet to wait")
+        for udp in sockets:
+            udp.send(b"\xc0" + bytes(1199))
+        wait_until(lambda: self.queue_line()[2] == len(sockets), "the datagrams to wait")
         self.filter.send_signal(signal.SIGTERM)
         self.filter.send_signal(signal.SIGCONT)
-        self.assertEqual(answer(tcp), "ok neighbour.example")
         self.assertEqual(self.filter.wait(), 0)
-        resent = self.client.run("nstat", "-asz", "TcpRetransSegs").stdout.split()[-2]
-        self.assertEqual(resent, "0", "the packet was lost and had to be sent again")
+        for _ in sockets:
+            self.assertEqual(len(receiver.recv(65536)), 1200)
 
     def test_dies_rather_than_hang(self):
         """Only the packet thread is held, as a loop that never ends would hold it."""
