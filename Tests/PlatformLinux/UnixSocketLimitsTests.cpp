@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -143,18 +145,15 @@ TEST_F(UnixSocketLimits, standThousandsOfCallsInFlight) {
   listen();
   auto other = clientOf(otherUser, path);
   std::vector<RawClient> clients;
-  std::vector<TestDaemon::Received> calls;
   constexpr int callsOfEach = 1'024;
-  constexpr int clientCount = 4;
-  for (int index = 0; index < clientCount; ++index) {
+  for (std::size_t index = 1; index <= 4; ++index) {
     clients.push_back(client());
     for (int id = 0; id < callsOfEach; ++id) {
       ASSERT_TRUE(clients.back().sendLine(call(id, "validateEnforcement")));
     }
-    for (int id = 0; id < callsOfEach; ++id) calls.push_back(daemon->next());
+    waitForLoad([&](const auto& load) { return load.calls == index * callsOfEach; });
     EXPECT_EQ(other.status(), statusAnswer);
   }
-  EXPECT_EQ(listener->load().calls, limits.callsInFlightPerUserMax);
 
   // One more of that user costs the connection that made it, and no other.
   auto late = client();
@@ -163,16 +162,59 @@ TEST_F(UnixSocketLimits, standThousandsOfCallsInFlight) {
   waitForLog(refusal("its user has more than 4096 calls in flight"));
   EXPECT_EQ(other.status(), statusAnswer);
 
-  while (!calls.empty()) {
-    calls.back().answer.settle(DaemonReply::of(text("{}")));
-    calls.pop_back();
+  for (std::size_t answered = 0; answered < limits.callsInFlightPerUserMax; ++answered) {
+    daemon->next().answer.settle(DaemonReply::of(text("{}")));
   }
   for (auto& peer : clients) {
-    for (int id = callsOfEach; id-- > 0;) {
+    for (int id = 0; id < callsOfEach; ++id) {
       ASSERT_EQ(peer.line(), R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"result":{}})");
     }
   }
   EXPECT_EQ(client().status(), statusAnswer);
+}
+
+// Whoever has thousands of calls waits for its own, not everybody for all of them.
+TEST_F(UnixSocketLimits, letTheDaemonWorkOnAFewCallsOfAUserAtATime) {
+  limits.callsAtWorkPerUserMax = 2;
+  listen();
+  auto greedy = client();
+  for (int id = 0; id < 5; ++id) ASSERT_TRUE(greedy.sendLine(call(id, "extend")));
+  std::deque<TestDaemon::Received> calls;
+  for (int id = 0; id < 2; ++id) calls.push_back(daemon->next());
+  // Another connection of that user takes no place of its own; another user does.
+  auto another = client();
+  ASSERT_TRUE(another.sendLine(call(9, "acknowledgeExpiry")));
+  waitForLoad([](const auto& load) { return load.calls == 6; });
+  auto other = clientOf(otherUser, path);
+  EXPECT_EQ(other.status(), statusAnswer);
+
+  constexpr std::size_t callsOfOthers = 1;
+  for (std::size_t answered = 0; answered < 6; ++answered) {
+    EXPECT_EQ(daemon->callsReceived(), callsOfOthers + std::min<std::size_t>(answered + 2, 6));
+    calls.front().answer.settle(DaemonReply::of(text("{}")));
+    calls.pop_front();
+    if (answered < 4) calls.push_back(daemon->next());
+  }
+  // Each connection's in the order in which they came.
+  for (int id = 0; id < 5; ++id) {
+    EXPECT_EQ(greedy.line(), R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"result":{}})");
+  }
+  EXPECT_EQ(another.line(), R"({"jsonrpc":"2.0","id":9,"result":{}})");
+}
+
+TEST_F(UnixSocketLimits, forgetCallsThatWaitWithTheirConnection) {
+  limits.callsAtWorkPerUserMax = 1;
+  listen();
+  auto gone = client();
+  ASSERT_TRUE(gone.sendLine(call(1, "extend")) && gone.sendLine(call(2, "strengthen")));
+  const auto atWork = daemon->next();
+  waitForLoad([](const auto& load) { return load.calls == 2; });
+  gone.close();
+  daemon->waitForEndings(1);
+  waitForLoad([](const auto& load) { return load.calls == 1; });
+  atWork.answer.settle(DaemonReply::of(text("{}")));
+  EXPECT_EQ(client().status(), statusAnswer);
+  EXPECT_EQ(daemon->callsReceived(), 2U);
 }
 
 TEST_F(UnixSocketLimits, countTheCallsOfConnectionsThatAreGone) {

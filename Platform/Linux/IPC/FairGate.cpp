@@ -1,6 +1,5 @@
 #include "PlatformLinuxIPC/FairGate.hpp"
 
-#include <algorithm>
 #include <vector>
 
 namespace stillow::platform {
@@ -22,6 +21,29 @@ void FairGate::State::admit(uid_t user) {
   ++insideOfUser[user];
 }
 
+std::optional<FairGate::Admitted> FairGate::State::admitNext() {
+  auto next = waiting.end();
+  for (auto queue = waiting.begin(); queue != waiting.end(); ++queue) {
+    if (!admits(queue->first)) continue;
+    if (next == waiting.end() || queue->second.begin()->first < next->second.begin()->first) {
+      next = queue;
+    }
+  }
+  if (next == waiting.end()) return std::nullopt;
+  const auto first = next->second.begin();
+  Admitted admitted{next->first, first->second};
+  admit(admitted.user);
+  giveUp(admitted.user, first->first);
+  return admitted;
+}
+
+void FairGate::State::giveUp(uid_t user, std::uint64_t number) {
+  const auto queue = waiting.find(user);
+  if (queue == waiting.end()) return;
+  queue->second.erase(number);
+  if (queue->second.empty()) waiting.erase(queue);
+}
+
 Task<std::shared_ptr<FairGate::Pass>> FairGate::enterThrough(std::shared_ptr<State> state,
                                                              uid_t user,
                                                              concurrency::Cancellation givenUp) {
@@ -35,42 +57,46 @@ Task<std::shared_ptr<FairGate::Pass>> FairGate::enterThrough(std::shared_ptr<Sta
       arrival.settle(std::make_shared<Pass>(state, user));
     } else {
       number = ++state->lastNumber;
-      state->waiting.push_back({number, user, arrival});
+      state->waiting[user].emplace(number, arrival);
     }
   }
-  const auto registration = givenUp.onCancel([state, number, arrival] {
+  const auto registration = givenUp.onCancel([state, user, number, arrival] {
     // A pass that is on its way is given back by whoever sends it.
     if (!arrival.settle(nullptr)) return;
     const std::lock_guard lock(state->mutex);
-    std::erase_if(state->waiting, [&](const Waiting& waiting) { return waiting.number == number; });
+    state->giveUp(user, number);
   });
   auto pass = co_await arrival.wait();
   co_return pass;
 }
 
 void FairGate::leave(const std::shared_ptr<State>& state, uid_t user) {
-  std::vector<Waiting> admitted;
+  std::vector<Admitted> admitted;
   {
     const std::lock_guard lock(state->mutex);
     --state->inside;
     const auto ofUser = state->insideOfUser.find(user);
     if (--ofUser->second == 0) state->insideOfUser.erase(ofUser);
-    for (;;) {
-      const auto next = std::ranges::find_if(
-          state->waiting, [&](const Waiting& waiting) { return state->admits(waiting.user); });
-      if (next == state->waiting.end()) break;
-      state->admit(next->user);
-      admitted.push_back(std::move(*next));
-      state->waiting.erase(next);
-    }
+    while (auto next = state->admitNext()) admitted.push_back(std::move(*next));
   }
   // A pass that nobody waits for any more is given back here, which calls this again.
   for (const auto& next : admitted) next.arrival.settle(std::make_shared<Pass>(state, next.user));
 }
 
+std::shared_ptr<FairGate::Pass> FairGate::tryEnter(uid_t user) const {
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (!state_->admits(user)) return nullptr;
+    state_->admit(user);
+  }
+  return std::make_shared<Pass>(state_, user);
+}
+
 std::size_t FairGate::waiting() const {
   const std::lock_guard lock(state_->mutex);
-  return state_->waiting.size();
+  std::size_t count = 0;
+  for (const auto& [user, queue] : state_->waiting) count += queue.size();
+  return count;
 }
 
 FairGate::Pass::~Pass() { leave(state_, user_); }

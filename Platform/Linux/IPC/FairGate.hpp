@@ -2,10 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include <sys/types.h>
@@ -44,13 +44,16 @@ class FairGate {
       uid_t user, concurrency::Cancellation givenUp) const {
     return enterThrough(state_, user, std::move(givenUp));
   }
+  /// A place, or null if there is none at the moment.
+  [[nodiscard]] std::shared_ptr<Pass> tryEnter(uid_t user) const;
   /// Those who wait for a place.
   [[nodiscard]] std::size_t waiting() const;
 
  private:
   using Arrival = concurrency::OneShot<std::shared_ptr<Pass>>;
-  struct Waiting {
-    std::uint64_t number;
+  /// Those of one user, who have numbers in the order in which they came.
+  using Queue = std::map<std::uint64_t, Arrival>;
+  struct Admitted {
     uid_t user;
     Arrival arrival;
   };
@@ -61,10 +64,14 @@ class FairGate {
     std::size_t inside = 0;
     std::map<uid_t, std::size_t> insideOfUser;
     std::uint64_t lastNumber = 0;
-    std::deque<Waiting> waiting;
+    /// Of users for whom somebody waits. Thousands may wait, and all of them may give up at once,
+    /// so nothing looks at each of them.
+    std::map<uid_t, Queue> waiting;
 
     bool admits(uid_t user) const;
     void admit(uid_t user);
+    std::optional<Admitted> admitNext();
+    void giveUp(uid_t user, std::uint64_t number);
   };
 
   static concurrency::Task<std::shared_ptr<Pass>> enterThrough(std::shared_ptr<State> state,

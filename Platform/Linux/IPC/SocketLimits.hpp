@@ -36,6 +36,12 @@ struct SocketLimits {
   /// Calls of all users: one person may have thousands of user ids.
   std::size_t callsInFlightMax = 16'384;
 
+  /// Calls that the daemon works on together. The others wait for those of their own user, so that
+  /// a user with thousands of them is in everybody else's way with a few only. A validation, which
+  /// may take 20 s, keeps its place as long: no program asks for more than one or two at a time.
+  std::size_t callsAtWorkMax = 256;
+  std::size_t callsAtWorkPerUserMax = 16;
+
   /// Requests in small lines that have not been answered, of one user and of all. Decoded, which
   /// they are while they wait for their turn, they take up to 32 times as much. Requests in long
   /// lines keep the line's place instead.

@@ -39,6 +39,7 @@ struct SocketServer {
   std::shared_ptr<RefusalLog> log;
   FairGate bigLines;
   FairGate peerChecks;
+  FairGate callsAtWork;
 };
 
 /// The daemon's end of one client's connection. Everything but the public operations runs on a
@@ -75,6 +76,7 @@ class UnixSocketConnection final : public ipc::ServedConnection,
  private:
   using Self = std::shared_ptr<UnixSocketConnection>;
   struct Batch;
+  struct PendingCall;
   struct Line;
   struct LineRoom;
   struct Verdict;
@@ -99,6 +101,8 @@ class UnixSocketConnection final : public ipc::ServedConnection,
               const std::shared_ptr<LineRoom>& room, const std::shared_ptr<Batch>& batch);
   void call(const rpc::Call& call, ipc::SharedBytes params, std::shared_ptr<LineRoom> room,
             const std::shared_ptr<Batch>& batch);
+  static concurrency::Task<void> beginInTurn(Self self, std::shared_ptr<PendingCall> call);
+  void begin(PendingCall call);
   void answer(const std::string& id, ipc::DaemonReply reply, const std::shared_ptr<Batch>& batch);
   void settle(std::optional<rpc::Text> text, const std::shared_ptr<Batch>& batch);
   void enqueue(std::vector<rpc::Text> texts, bool isBatch, std::size_t callsAnswered);

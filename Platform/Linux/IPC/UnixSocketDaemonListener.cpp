@@ -52,7 +52,8 @@ std::shared_ptr<SocketServer> serverOf(const UnixSocketDaemonListener::Dependenc
       .log = std::make_shared<RefusalLog>(dependencies.executor, dependencies.sleeper,
                                           dependencies.log, limits.logLinesMax, limits.logWindow),
       .bigLines = FairGate(limits.bigLinesMax, limits.bigLinesPerUserMax),
-      .peerChecks = FairGate(limits.peerChecksMax, limits.peerChecksPerUserMax)});
+      .peerChecks = FairGate(limits.peerChecksMax, limits.peerChecksPerUserMax),
+      .callsAtWork = FairGate(limits.callsAtWorkMax, limits.callsAtWorkPerUserMax)});
 }
 
 }  // namespace
