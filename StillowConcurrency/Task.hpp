@@ -25,6 +25,12 @@ using Executor = boost::asio::any_io_executor;
 /// Starts `task` on `executor` and lets go of it. What it refers to must live as long as it does,
 /// so give it a coroutine whose parameters are values and whose owner is held weakly.
 ///
+/// On a thread that runs the same context it may begin inline: all that comes before its first
+/// suspension has then happened when this returns, whatever it calls back included. So hold no lock
+/// that it or its handlers may take, leave nothing half changed that it may look at, and where its
+/// work must not be done inside the call (a turn, a handler of a connection) post to the executor
+/// and spawn there.
+///
 /// A task that is never resumed again is destroyed with whatever it waits for.
 inline void spawn(const Executor& executor, Task<void> task) {
   boost::asio::co_spawn(executor, std::move(task), [](std::exception_ptr exception) {
