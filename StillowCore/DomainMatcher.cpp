@@ -158,23 +158,20 @@ bool DomainMatcher::matches(std::string_view host) const {
   if (slots_.empty() || host.size() <= SuffixHash::hostBytesMin) return matchesInFull(host);
   std::string_view name = host;
   name.remove_suffix(host.back() == '.' ? 1 : 0);
-  const SuffixHash::Chunk chunk = SuffixHash::lastChunk(name);
-  if (!chunk.isASCII()) return matchesInFull(host);
-  // Most look-ups end in here. Whether a host is blocked and where its dots are is as good as
-  // random: a branch on it that is guessed wrong costs as much as the hash, so there is none.
+  const SuffixHash::PlainEnd end = SuffixHash::plainEnd(name);
+  if (!end.isPlain) return matchesInFull(host);
   std::size_t labels = 1;
-  std::uint32_t cuts = chunk.cuts;
+  std::uint32_t cuts = end.cuts;
   for (; labels < labelsMin_; ++labels) cuts &= cuts - 1;
   for (; cuts != 0 && labels <= gateLabelsMax; ++labels, cuts &= cuts - 1) {
     const auto length = static_cast<std::size_t>(std::countr_zero(cuts));
-    const Block block = SuffixHash::lastBlock(chunk, length);
+    const Block block = SuffixHash::lastBlock(end, length);
     const std::uint64_t hash = hash_.hashOf(block, length);
     const std::uint64_t group = groupOf(hash);
-    const bool mayBeThere = isMarked(group, hash);
-    // What is not marked takes the first slot, which lies in the cache, instead of a far one.
-    const Slot& slot = slots_[slotOf(hash, group) & -std::size_t{mayBeThere}];
-    const bool isThere = (slot.length == length) & (slot.block == block);
-    if (isThere == mayBeThere) return isThere;
+    // Where nearly every look-up ends, since few hosts are blocked: nothing far has been read yet.
+    if (!isMarked(group, hash)) return false;
+    const Slot& slot = slots_[slotOf(hash, group)];
+    if ((slot.length == length) & (slot.block == block)) return true;
   }
   // Longer suffixes remain, unless that was the whole host.
   return (cuts != 0 || name.size() >= Block::size) && matchesInFull(host);

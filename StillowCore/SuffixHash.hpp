@@ -63,19 +63,6 @@ class SuffixHash {
     return {key0_ + fixed().key0_, key1_ + fixed().key1_, key2_ + fixed().key2_};
   }
 
-  /// The bytes before some place in a host, as many as a block takes, and where it can be cut.
-  struct Chunk {
-    const char* end;
-    Block block;  ///< as the bytes stand
-    /// Bit n: a suffix begins n bytes before the end, behind a "." or at the beginning of the host.
-    /// Counted from the lowest bit they come shortest first.
-    std::uint32_t cuts;
-
-    [[nodiscard]] bool isASCII() const noexcept {
-      return ((block.right | block.middle | block.left) & topBits) == 0;
-    }
-  };
-
   /// Calls `visit` with each suffix of at least `labelsMin` labels, the shortest first and the
   /// whole host last, until it returns true. `isSeparator` is asked about the offset of each ".";
   /// the host is only cut where it agrees.
@@ -93,7 +80,7 @@ class SuffixHash {
         if (offset != 0 && !isSeparator(offset - 1)) continue;
         if (labels >= labelsMin) {
           const std::size_t length = host.size() - offset;
-          const Block last = lastBlock(chunk, share);
+          const Block last = lowerCased(blockBefore(chunk.end, reaches[share]));
           if (visit(Suffix{offset, length, labels, finished(last, length, state), last})) return;
         }
         ++labels;
@@ -114,19 +101,30 @@ class SuffixHash {
     return whole;
   }
 
-  /// `forEachSuffix` in steps, for the short suffixes of a host of at least `hostBytesMin` bytes:
-  /// those that begin at the cuts of its last chunk have the block and the hash that these give. A
-  /// "." at the chunk's very beginning is no cut, since nothing is known of what stands before it.
+  /// The last bytes of a host, as many as a block takes, where they can be hashed as they stand.
+  struct PlainEnd {
+    const char* end;
+    /// Bit n: a suffix begins n bytes before the end, behind a "." or at the beginning of the host.
+    /// Counted from the lowest bit they come shortest first.
+    std::uint32_t cuts;
+    bool isPlain;  ///< ASCII without capital letters; otherwise the cuts mean nothing
+  };
+
+  /// `forEachSuffix` in steps, for the short suffixes of a host of at least `hostBytesMin` bytes
+  /// that is plain there, as nearly every host is: those that begin at the cuts have the block and
+  /// the hash that these give. A "." at the very beginning of the bytes is no cut, since nothing is
+  /// known of what stands before it.
   static constexpr std::size_t hostBytesMin = 8;
-  [[nodiscard]] static Chunk lastChunk(std::string_view host) noexcept {
+  [[nodiscard]] static PlainEnd plainEnd(std::string_view host) noexcept {
     constexpr std::uint32_t dotAtBeginning = std::uint32_t{1} << (Block::size - 1);
     const char* const end = host.data() + host.size();
     const Reach& reach = reaches[std::min(host.size(), Block::size)];
-    const Block block = wordsBefore(end, reach);
-    return {end, block, (dotsOf(block, reach) & ~dotAtBeginning) | reach.beginning};
+    const Block words = wordsBefore(end, reach);
+    const std::uint32_t dots = gathered(words, reach, plainDotsOf);
+    return {end, (dots & ~dotAtBeginning) | reach.beginning, isPlain(words)};
   }
-  [[nodiscard]] static Block lastBlock(const Chunk& chunk, std::size_t length) noexcept {
-    return lowerCased(blockBefore(chunk.end, reaches[length]));
+  [[nodiscard]] static Block lastBlock(const PlainEnd& host, std::size_t length) noexcept {
+    return blockBefore(host.end, reaches[length]);
   }
   [[nodiscard]] std::uint64_t hashOf(const Block& suffix, std::size_t length) const noexcept {
     return finished(suffix, length, key2_);
@@ -136,6 +134,13 @@ class SuffixHash {
   static constexpr std::size_t wordBytes = hostBytesMin;
   static constexpr std::uint64_t eachByte = 0x0101'0101'0101'0101;
   static constexpr std::uint64_t topBits = 0x80 * eachByte;
+
+  /// The bytes before some place in a host, as many as a block takes, and where it can be cut.
+  struct Chunk {
+    const char* end;
+    Block block;         ///< as the bytes stand
+    std::uint32_t cuts;  ///< as in `PlainEnd`
+  };
 
   using Padding = std::array<char, wordBytes>;
 
@@ -177,7 +182,7 @@ class SuffixHash {
   static Chunk chunkAt(const char* end, std::size_t count) noexcept {
     const Reach& reach = reaches[count];
     const Block block = blockBefore(end, reach);
-    return {end, block, dotsOf(block, reach) | reach.beginning};
+    return {end, block, gathered(block, reach, dotsOf) | reach.beginning};
   }
 
   static Block blockBefore(const char* end, const Reach& reach) noexcept {
@@ -189,16 +194,36 @@ class SuffixHash {
     return {load(end), load(end - reach.middle), load(end - reach.left)};
   }
 
-  static constexpr std::uint32_t dotsOf(const Block& block, const Reach& reach) noexcept {
-    return dotsOf(block.right) | dotsOf(block.middle) << reach.middle |
-           dotsOf(block.left) << reach.left;
+  /// A bit for each byte, the lowest for the last, of what `flagsOf` says of the words.
+  template <class FlagsOf>
+  static constexpr std::uint32_t gathered(const Block& words, const Reach& reach,
+                                          FlagsOf flagsOf) noexcept {
+    return gathered(flagsOf(words.right)) | gathered(flagsOf(words.middle)) << reach.middle |
+           gathered(flagsOf(words.left)) << reach.left;
   }
-  /// A bit for each byte that is ".", the lowest for the last.
-  static constexpr std::uint32_t dotsOf(std::uint64_t word) noexcept {
+  /// The product gathers the flags, one from the top of each byte, in its topmost byte.
+  static constexpr std::uint32_t gathered(std::uint64_t flags) noexcept {
+    return static_cast<std::uint32_t>(((flags >> 7U) * 0x8040'2010'0804'0201) >> 56U);
+  }
+  /// The top bit of each byte that is ".".
+  static constexpr std::uint64_t dotsOf(std::uint64_t word) noexcept {
     const std::uint64_t other = word ^ ('.' * eachByte);
-    const std::uint64_t isDot = ~(((other & ~topBits) + ~topBits) | other) & topBits;
-    // The product gathers the flags, one from each byte, in its topmost byte.
-    return static_cast<std::uint32_t>(((isDot >> 7U) * 0x8040'2010'0804'0201) >> 56U);
+    return ~(((other & ~topBits) + ~topBits) | other) & topBits;
+  }
+  /// Likewise where every byte is ASCII.
+  static constexpr std::uint64_t plainDotsOf(std::uint64_t word) noexcept {
+    return (topBits - (word ^ ('.' * eachByte))) & topBits;
+  }
+
+  /// False also for what stands among the capitals in ASCII, such as "_", which is rare in a host.
+  static constexpr bool isPlain(const Block& words) noexcept {
+    // Bit 6 without bit 5: 0x40 to 0x5F.
+    constexpr auto inColumnOfCapitals = [](std::uint64_t word) { return word & ~(word << 1U); };
+    const std::uint64_t capitals = inColumnOfCapitals(words.right) |
+                                   inColumnOfCapitals(words.middle) |
+                                   inColumnOfCapitals(words.left);
+    const std::uint64_t all = words.right | words.middle | words.left;
+    return ((capitals & (topBits >> 1U)) | (all & topBits)) == 0;
   }
 
   static constexpr std::uint64_t lowerCased(std::uint64_t word) noexcept {

@@ -109,6 +109,7 @@ TEST(DomainMatcher, readsNamesOfEveryLength) {
   }
 }
 
+// Alone and at the end of a longer host: what needs no change there is read in another way.
 TEST(DomainMatcher, lowerCasesLettersAndNothingElse) {
   for (int byte = 1; byte < 128; ++byte) {
     const char c = static_cast<char>(byte);
@@ -120,6 +121,27 @@ TEST(DomainMatcher, lowerCasesLettersAndNothingElse) {
       const bool isSameLetter = other == domain->name()[1] ||
                                 (other >= 'A' && other <= 'Z' && other + 32 == domain->name()[1]);
       ASSERT_EQ(one.matches(host), isSameLetter) << byte << " " << other;
+      const std::string longer{"www.below.a" + std::string{static_cast<char>(other)} + "b"};
+      ASSERT_EQ(one.matches(longer), isSameLetter) << byte << " " << other;
+    }
+  }
+}
+
+TEST(DomainMatcher, readsEveryByteAtEveryPlace) {
+  const std::string name = "name.example";
+  const auto one = matcher({name});
+  for (const std::string_view below :
+       {"", "w.", "www.", "a.longer-label.", "b.a-longer-label-yet."}) {
+    for (std::size_t at = 0; at < below.size() + name.size(); ++at) {
+      for (int byte = 0; byte < 256; ++byte) {
+        std::string host = std::string(below) + name;
+        const char letter = std::exchange(host[at], static_cast<char>(byte));
+        const bool isSameLetter = byte == letter || (letter != '.' && byte == (letter & ~0x20));
+        const bool isInName = at >= below.size();
+        const bool isEdge = at + 1 == below.size();
+        const bool isBlocked = isInName || isEdge ? isSameLetter : true;
+        ASSERT_EQ(one.matches(host), isBlocked) << host << " at " << at << ": " << byte;
+      }
     }
   }
 }
