@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include <boost/asio/post.hpp>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -172,6 +173,37 @@ TEST_F(UnixSocketClient, saysThatThereIsNoSocket) {
   dropClient();
   expectFailure(start(client().status()).wait(), Failure::socketMissing,
                 "There is no socket at " + path + ".");
+}
+
+// On a thread of the pool work that is begun begins at once, so a missing socket is found before
+// the call that asked for the connection is over; and whoever made that call may hold the lock that
+// the handlers want.
+TEST_F(UnixSocketClient, tellsOfAConnectionThatFailsAtOnceOnlyBehindTheCallThatBeganIt) {
+  const std::string nowhere[]{path, directory.path("missing/s.sock"),
+                              directory.path(std::string(108, 'x'))};
+  for (const std::string& missing : nowhere) {
+    SCOPED_TRACE(missing.substr(directory.path().size()));
+    path = missing;
+    boost::asio::io_context context;
+    bool isInsideACall = false;
+    int losses = 0;
+    int lossesInsideACall = 0;
+    const auto connection = connector(context.get_executor())
+                                ->makeConnection({.statusChanged = [](const ipc::SharedBytes&) {},
+                                                  .lost =
+                                                      [&] {
+                                                        ++losses;
+                                                        lossesInsideACall += isInsideACall ? 1 : 0;
+                                                      }});
+    boost::asio::post(context, [&] {
+      isInsideACall = true;
+      connection->resume();
+      isInsideACall = false;
+    });
+    context.run();
+    EXPECT_EQ(losses, 1);
+    EXPECT_EQ(lossesInsideACall, 0);
+  }
 }
 
 TEST_F(UnixSocketClient, saysThatNobodyListens) {
