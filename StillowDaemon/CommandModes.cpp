@@ -22,6 +22,7 @@ constexpr int exitNotValidated = 2;
 
 constexpr std::array modes{
     std::pair{std::string_view("--report-status"), CommandMode::reportStatus},
+    std::pair{std::string_view("--uninstall"), CommandMode::uninstall},
     std::pair{std::string_view("--validate"), CommandMode::validate}};
 
 int unreachable(const ipc::DaemonError& error, std::ostream& err) {
@@ -44,6 +45,11 @@ std::optional<CommandMode> commandMode(std::span<const std::string_view> argumen
     if (std::ranges::find(arguments, argument) != arguments.end()) return mode;
   }
   return std::nullopt;
+}
+
+ipc::DaemonCallDeadlines deadlines(CommandMode mode) noexcept {
+  return mode == CommandMode::uninstall ? ipc::DaemonCallDeadlines::quick()
+                                        : ipc::DaemonCallDeadlines::standard();
 }
 
 Task<int> reportStatus(std::shared_ptr<ipc::CommitmentAuthorityClient> client, std::ostream& out,

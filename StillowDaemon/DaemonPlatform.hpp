@@ -7,6 +7,7 @@
 #include "StillowConcurrency/Sleeper.hpp"
 #include "StillowConcurrency/Task.hpp"
 #include "StillowDaemon/Daemon.hpp"
+#include "StillowDaemon/UninstallMode.hpp"
 #include "StillowIPC/DaemonConnection.hpp"
 
 namespace stillow::daemon {
@@ -22,6 +23,9 @@ class DaemonPlatform {
 
   /// Where the daemon's clients find it.
   [[nodiscard]] virtual std::shared_ptr<ipc::DaemonConnecting> daemonServices() = 0;
+
+  /// What uninstalling is done with. Touches nothing yet.
+  [[nodiscard]] virtual UninstallTools uninstallTools() = 0;
 
   /// Makes this process the one daemon of the machine: waits, saying so, while another one is; then
   /// gives what the daemon is built from. Blocks. The error is one sentence.

@@ -10,6 +10,7 @@
 #include "StillowDaemon/CommandModes.hpp"
 #include "StillowDaemon/Daemon.hpp"
 #include "StillowDaemon/DaemonPlatform.hpp"
+#include "StillowDaemon/UninstallMode.hpp"
 #include "StillowIPC/CodeSigningRequirement.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
 #include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
@@ -32,11 +33,14 @@ int runCommand(daemon::CommandMode mode, const ipc::CodeSigningRequirement& requ
            ipc::Endpoint::machService{std::string(ipc::StillowDaemonService::machServiceName),
                                       platform->daemonServices()},
        .requirement = requirement,
-       .deadlines = ipc::DaemonCallDeadlines::standard(),
+       .deadlines = daemon::deadlines(mode),
        .wait = platform->sleeper()});
   switch (mode) {
     case daemon::CommandMode::reportStatus:
       return waitFor(platform->executor(), daemon::reportStatus(client, std::cout, std::cerr));
+    case daemon::CommandMode::uninstall:
+      return waitFor(platform->executor(),
+                     daemon::uninstall(client, platform->uninstallTools(), std::cout, std::cerr));
     case daemon::CommandMode::validate:
       return waitFor(platform->executor(), daemon::validate(client, std::cout, std::cerr));
   }

@@ -8,40 +8,14 @@
 #include "StillowDaemon/CommandModes.hpp"
 #include "StillowIPC/DaemonError.hpp"
 #include "TestSupport/DeterministicExecutor.hpp"
+#include "TestSupport/ScriptedClient.hpp"
 
 namespace stillow::daemon {
 namespace {
 
 using ipc::DaemonError;
 using ipc::DaemonStatus;
-
-/// Answers every call alike.
-class ScriptedClient final : public ipc::CommitmentAuthorityClient {
- public:
-  explicit ScriptedClient(Result result) : result_(std::move(result)) {}
-  concurrency::Task<Result> status() override { return answer("status"); }
-  concurrency::Task<Result> activate(ipc::ActivationRequest) override { return answer("activate"); }
-  concurrency::Task<Result> strengthen(ipc::ScopeAddition) override { return answer("strengthen"); }
-  concurrency::Task<Result> extend(ipc::ExtensionRequest) override { return answer("extend"); }
-  concurrency::Task<Result> validateEnforcement() override { return answer("validate"); }
-  concurrency::Task<Result> acknowledgeExpiry() override { return answer("acknowledge"); }
-  concurrency::Task<Result> armFilterConfiguration() override { return answer("arm"); }
-  concurrency::Task<Result> announceUserInterface() override { return answer("announce"); }
-  ipc::DaemonStatusStream statusChanges() override {
-    return {concurrency::Channel<DaemonStatus>(1), [] {}};
-  }
-  void invalidate() override {}
-
-  std::vector<std::string> calls;
-
- private:
-  concurrency::Task<Result> answer(std::string call) {
-    calls.push_back(std::move(call));
-    Result copy = result_;
-    co_return copy;
-  }
-  Result result_;
-};
+using test::ScriptedClient;
 
 struct Outcome {
   int status;
@@ -74,6 +48,19 @@ TEST(CommandModes, areFoundAnywhereAsWholeArgumentsAndInAFixedOrder) {
 
 TEST(CommandModes, runTheStatusReportOnlyWhenBothAreGiven) {
   EXPECT_EQ(modeOf({"StillowDaemon", "--validate", "--report-status"}), CommandMode::reportStatus);
+}
+
+TEST(CommandModes, uninstallAfterReportingAndBeforeValidating) {
+  EXPECT_EQ(modeOf({"StillowDaemon", "--uninstall"}), CommandMode::uninstall);
+  EXPECT_EQ(modeOf({"StillowDaemon", "--validate", "--uninstall"}), CommandMode::uninstall);
+  EXPECT_EQ(modeOf({"StillowDaemon", "--uninstall", "--report-status"}), CommandMode::reportStatus);
+}
+
+TEST(CommandModes, giveUpOnTheDaemonSoonOnlyWhereThereIsAnotherWayToFindOut) {
+  EXPECT_EQ(deadlines(CommandMode::uninstall), ipc::DaemonCallDeadlines::quick());
+  for (const auto mode : {CommandMode::reportStatus, CommandMode::validate}) {
+    EXPECT_EQ(deadlines(mode), ipc::DaemonCallDeadlines::standard());
+  }
 }
 
 TEST(CommandModes, printTheStatusAsOneCompactLine) {

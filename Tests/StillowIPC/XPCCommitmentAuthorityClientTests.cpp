@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include "RecordTesting.hpp"
-#include "ScriptedConnection.hpp"
 #include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
 #include "TestSupport/DeterministicExecutor.hpp"
+#include "TestSupport/ScriptedConnection.hpp"
 #include "TestSupport/ScriptedSleeper.hpp"
 
 namespace stillow::ipc {

@@ -12,6 +12,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include "PlatformLinuxDaemon/BoottimeSleeper.hpp"
 #include "PlatformLinuxDaemon/CommandRunner.hpp"
@@ -25,10 +26,14 @@
 #include "PlatformLinuxIPC/DaemonSocket.hpp"
 #include "PlatformLinuxIPC/UnixSocketDaemonConnector.hpp"
 #include "PlatformLinuxIPC/UnixSocketDaemonListener.hpp"
+#include "PlatformLinuxInstallation/InstalledFiles.hpp"
+#include "PlatformLinuxInstallation/SystemctlJobUnloader.hpp"
+#include "PlatformLinuxInstallation/SystemdContentFilter.hpp"
 #include "PlatformLinuxPeer/CodeSigningAnchor.hpp"
 #include "PlatformLinuxPeer/RootDaemon.hpp"
 #include "PlatformLinuxPeer/SignedExecutableIdentifier.hpp"
 #include "PlatformLinuxPeer/SignedExecutablePeerIdentifier.hpp"
+#include "PlatformLinuxText/LocalizedDate.hpp"
 #include "StillowConcurrency/ThreadBlockingExecutor.hpp"
 #include "StillowDaemon/DaemonPlatform.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
@@ -72,6 +77,32 @@ class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
                                                 .sleeper = sleeper_,
                                                 .socketPath = socketPath(),
                                                 .requireDaemon = requireRootDaemon});
+  }
+
+  daemon::UninstallTools uninstallTools() override {
+    const auto commands = std::make_shared<CommandRunner>();
+    const auto jobs = std::make_shared<SystemctlJobUnloader>(commands);
+    // To take rules away nobody has to know who holds the queue.
+    const auto rules = std::make_shared<NetfilterConfiguration>(
+        NetfilterConfiguration::Collaborators{.commands = commands});
+    const auto removeRules = [rules]() -> std::expected<void, std::string> {
+      auto removed = rules->remove();
+      if (!removed) return std::unexpected(std::move(removed.error().description));
+      return {};
+    };
+    return {
+        .isRoot = ::geteuid() == 0,
+        .recoverCheckpoints =
+            [this] {
+              return authority::DurableCommitmentStore(fileSystem_, stateDirectory).recover();
+            },
+        .wallClock = systemTime,
+        .formatted = [](core::Date date) { return localizedDateAndTime(date, localeOfCaller()); },
+        .uninstall = {uninstallLocations(stateDirectory), jobs},
+        .contentFilter = std::make_shared<SystemdContentFilter>(
+            SystemdContentFilter::Parts{.removeRules = removeRules,
+                                        .jobs = jobs,
+                                        .developmentUnitPath = developmentFilterUnitPath})};
   }
 
   std::expected<Daemon::Adapters, std::string> becomeDaemon(LogLine log) override {
