@@ -16,12 +16,16 @@
 #include "PlatformLinuxIPC/DaemonSocket.hpp"
 #include "PlatformLinuxIPC/UnixSocketDaemonConnector.hpp"
 #include "PlatformLinuxPeer/RootDaemon.hpp"
+#include "PlatformLinuxText/LocalizedDate.hpp"
+#include "StillowAuthority/DurableCommitmentStore.hpp"
 #include "StillowClient/Commands.hpp"
+#include "StillowClient/RemovalCheck.hpp"
 #include "StillowClient/SiteList.hpp"
 #include "StillowClient/TimeText.hpp"
 #include "StillowConcurrency/Deadline.hpp"
 #include "StillowCore/DomainNormalizer.hpp"
 #include "StillowCore/JSONDocument.hpp"
+#include "StillowFiltering/Storage/PosixFileSystem.hpp"
 #include "StillowIPC/CodeSigningRequirement.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
 #include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
@@ -38,6 +42,10 @@ core::Date now() {
 
 /// The daemon as this machine reaches it, and the loop that the calls run on.
 struct Session {
+  explicit Session(ipc::DaemonCallDeadlines given = ipc::DaemonCallDeadlines::standard())
+      : deadlines(given) {}
+
+  ipc::DaemonCallDeadlines deadlines;
   boost::asio::io_context context{1};
   std::shared_ptr<platform::BoottimeSleeper> sleeper =
       std::make_shared<platform::BoottimeSleeper>(context.get_executor());
@@ -55,15 +63,16 @@ struct Session {
                ipc::Endpoint::machService{std::string(ipc::StillowDaemonService::machServiceName),
                                           connector},
            .requirement = ipc::CodeSigningRequirement::trustedPeers(),
-           .deadlines = ipc::DaemonCallDeadlines::standard(),
+           .deadlines = deadlines,
            .wait = sleeper});
   client::Commands commands{{std::cin, std::cout, std::cerr, ::isatty(STDOUT_FILENO) == 1},
                             {daemon, sleeper, now}};
 
-  ExitStatus run(concurrency::Task<ExitStatus> command) {
-    ExitStatus status = ExitStatus::unreachable;
+  template <class Status>
+  Status run(concurrency::Task<Status> command) {
+    Status status{};
     boost::asio::co_spawn(context, std::move(command),
-                          [&](const std::exception_ptr& exception, ExitStatus result) {
+                          [&](const std::exception_ptr& exception, Status result) {
                             core::require(exception == nullptr, "an exception left a command");
                             status = result;
                             context.stop();
@@ -114,9 +123,25 @@ concurrency::Task<ExitStatus> passThrough(Session& session, std::string method,
   co_return ExitStatus::refused;
 }
 
+int checkRemoval() {
+  // The checkpoints are there to turn to.
+  Session session(ipc::DaemonCallDeadlines::quick());
+  filtering::PosixFileSystem fileSystem;
+  const authority::DurableCommitmentStore checkpoints(fileSystem, STILLOW_STATE_DIRECTORY);
+  authority::RemovalRulingSources sources{
+      .daemon = session.daemon,
+      .recoverCheckpoints = [&checkpoints] { return checkpoints.recover(); },
+      .wallClock = now};
+  const auto formatted = [](core::Date date) {
+    return platform::localizedDateAndTime(date, platform::localeOfCaller());
+  };
+  return session.run(
+      client::checkRemoval(std::move(sources), ::geteuid() == 0, formatted, std::cout, std::cerr));
+}
+
 constexpr const char* exitStatusHelp =
     "Exit status: 0 done; 1 refused by the daemon; 2 bad input; 3 the daemon could not be reached; "
-    "4 not confirmed.";
+    "4 not confirmed. Of removal-check: 0 may be removed; 3 has to stay; 77 not root.";
 
 }  // namespace
 
@@ -151,6 +176,8 @@ int main(int argc, char** argv) {
       app.add_subcommand("rpc", "Pass one call to the daemon as it is and print its answer");
   rpc->add_option("METHOD", method, "Such as status or activate")->required();
   rpc->add_option("PARAMS", params, "The request record as JSON; - reads it from standard input");
+  CLI::App* const removalCheck = app.add_subcommand(
+      "removal-check", "Say whether Stillow may be removed now; for root and package scripts");
 
   try {
     app.parse(argc, argv);
@@ -161,6 +188,11 @@ int main(int argc, char** argv) {
     return static_cast<int>(ExitStatus::usage);
   }
 
+  if (removalCheck->parsed()) {
+    const int removal = checkRemoval();
+    std::cout.flush();
+    std::_Exit(removal);
+  }
   ExitStatus ended = ExitStatus::success;
   if (start->parsed()) {
     const auto length = valueOf(client::parseDuration(duration));

@@ -1,0 +1,31 @@
+#include "StillowClient/RemovalCheck.hpp"
+
+#include <utility>
+
+#include "StillowIPC/UninstallGate.hpp"
+
+namespace stillow::client {
+
+namespace {
+
+constexpr int exitMayBeRemoved = 0;
+constexpr int exitHasToStay = 3;
+constexpr int exitNotRoot = 77;
+
+}  // namespace
+
+concurrency::Task<int> checkRemoval(authority::RemovalRulingSources sources, bool isRoot,
+                                    std::function<std::string(core::Date)> formatted,
+                                    std::ostream& out, std::ostream& err) {
+  if (!isRoot) {
+    err << ipc::uninstallNeedsRootText << '\n' << std::flush;
+    co_return exitNotRoot;
+  }
+  const ipc::UninstallRuling ruling = co_await authority::rulingOnRemoval(std::move(sources));
+  const auto* const refused = core::getIf<ipc::UninstallRuling::refused>(ruling);
+  if (refused == nullptr) co_return exitMayBeRemoved;
+  out << ipc::refusalText(refused->cause, formatted) << '\n' << std::flush;
+  co_return exitHasToStay;
+}
+
+}  // namespace stillow::client
