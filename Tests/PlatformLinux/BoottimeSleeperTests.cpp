@@ -1,8 +1,12 @@
+#include <atomic>
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <thread>
+#include <vector>
 
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -53,6 +57,15 @@ struct SleepWorld {
   std::size_t descriptorsBefore = openDescriptors();
 };
 
+Task<void> count(std::shared_ptr<BoottimeSleeper> sleeper, std::chrono::nanoseconds duration,
+                 Cancellation cancellation, std::atomic<int>& ended, std::atomic<int>& endedEarly) {
+  const auto before = std::chrono::steady_clock::now();
+  const SleepOutcome outcome = co_await sleeper->sleep(duration, cancellation);
+  const auto slept = std::chrono::steady_clock::now() - before;
+  if (outcome == SleepOutcome::elapsed && slept < duration) ++endedEarly;
+  ++ended;
+}
+
 TEST(BoottimeSleeper, sleepsAtLeastAsLongAsItIsAskedTo) {
   SleepWorld world;
   const ContinuousMonotonicTimeSource clock;
@@ -101,6 +114,45 @@ TEST(BoottimeSleeper, isCancelledFromAnyThreadAtAnyMoment) {
     EXPECT_EQ(*outcome, SleepOutcome::cancelled);
     EXPECT_EQ(openDescriptors(), world.descriptorsBefore);
   }
+}
+
+// Timers that expire just as they are closed must not end the sleeps that come after.
+TEST(BoottimeSleeper, takesNoEventOfAnotherSleepForItsOwn) {
+  SleepWorld world;
+  std::optional work(boost::asio::make_work_guard(world.context));
+  std::vector<std::thread> threads;
+  for (int index = 0; index < 4; ++index) {
+    threads.emplace_back([&world] { world.context.run(); });
+  }
+  std::atomic<int> ended = 0;
+  std::atomic<int> endedEarly = 0;
+  const auto sleep = [&](std::chrono::nanoseconds duration, const Cancellation& cancellation) {
+    concurrency::spawn(world.context.get_executor(),
+                       count(world.sleeper, duration, cancellation, ended, endedEarly));
+  };
+  constexpr int rounds = 5'000;
+  constexpr int sleepsOfARound = 8;
+  constexpr std::size_t roundsAtOnce = 4;
+  std::deque<Cancellation> ends;
+  for (int round = 0; round < rounds; ++round) {
+    const Cancellation end = ends.emplace_back();
+    for (int index = 0; index < sleepsOfARound / 2; ++index) {
+      sleep(std::chrono::microseconds((round * 37 + index * 101) % 300), end);
+      sleep(1h, end);
+    }
+    if (ends.size() < roundsAtOnce) continue;
+    ends.front().cancel();
+    ends.pop_front();
+    // Not many at a time: what matters is that descriptors are taken up again at once.
+    constexpr int sleepsAtOnceMax = static_cast<int>(2 * roundsAtOnce) * sleepsOfARound;
+    while (ended + sleepsAtOnceMax < round * sleepsOfARound) std::this_thread::yield();
+  }
+  for (const auto& end : ends) end.cancel();
+  work.reset();
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(ended, rounds * sleepsOfARound);
+  EXPECT_EQ(endedEarly, 0);
+  EXPECT_EQ(openDescriptors(), world.descriptorsBefore);
 }
 
 TEST(BoottimeSleeper, isIndifferentToACancellationAfterItsEnd) {

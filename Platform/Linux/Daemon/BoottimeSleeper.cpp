@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <memory>
 #include <utility>
@@ -50,6 +51,14 @@ FileDescriptor timerDescriptor(std::chrono::nanoseconds duration) {
   return timer;
 }
 
+/// Whether the moment of `timer` has come. Being told that it is readable is not enough: while
+/// descriptors come and go on several threads, asio now and then passes the event of one that was
+/// closed on to its successor.
+bool hasExpired(int timer) {
+  std::uint64_t expirations = 0;
+  return ::read(timer, &expirations, sizeof expirations) == sizeof expirations;
+}
+
 /// What the sleeping task and its cancellation share. Touched on the strand only.
 struct Sleep {
   explicit Sleep(const SleepStrand& strand) : descriptor(strand), fallback(strand) {}
@@ -82,11 +91,11 @@ Task<SleepOutcome> sleepOn(SleepStrand strand, std::chrono::nanoseconds duration
   if (const int timer = timerDescriptor(duration).release(); timer >= 0) {
     sleep->descriptor.assign(timer, error);
     if (error) (void)::close(timer);
-    if (!error) {
+    while (!error && !sleep->isCancelled) {
       co_await sleep->descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                                             asio::redirect_error(asio::use_awaitable, error));
+      if (!error && !sleep->isCancelled && hasExpired(timer)) co_return SleepOutcome::elapsed;
     }
-    if (!error && !sleep->isCancelled) co_return SleepOutcome::elapsed;
   }
   if (!sleep->isCancelled) {
     // The system has no descriptor to spare. A timer that needs none, but does not count time

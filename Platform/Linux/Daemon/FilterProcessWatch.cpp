@@ -64,9 +64,13 @@ struct FilterProcessWatch::State {
   static Task<void> waitForEnd(std::shared_ptr<State> self, std::shared_ptr<Followed> followed) {
     if (!followed->death.is_open()) co_return;
     boost::system::error_code error;
-    co_await followed->death.async_wait(Descriptor::wait_read,
-                                        asio::redirect_error(asio::use_awaitable, error));
-    if (error || self->followed != followed) co_return;
+    do {
+      co_await followed->death.async_wait(Descriptor::wait_read,
+                                          asio::redirect_error(asio::use_awaitable, error));
+      if (error || self->followed != followed) co_return;
+      // While descriptors come and go on other threads, asio now and then passes the event of one
+      // that was closed on to its successor.
+    } while (followed->process.isRunning());
     self->tell(*followed);
     self->forget();
   }
