@@ -1,5 +1,6 @@
 #include "StillowDaemon/Daemon.hpp"
 
+#include <cmath>
 #include <optional>
 #include <utility>
 
@@ -39,7 +40,7 @@ std::string describeState(const ipc::DaemonStatus& status) {
       status.commitment,
       [](const Commitment::active& active) {
         return "a Commitment with " + std::to_string(active.status.scope.size()) + " domains and " +
-               core::json::description(active.status.remainingDuration) + " s to run";
+               core::json::description(std::ceil(active.status.remainingDuration)) + " s to run";
       },
       [](const Commitment::expired&) { return std::string("a Commitment that has ended"); },
       [](const Commitment::idle&) { return std::string("no Commitment"); });

@@ -55,7 +55,7 @@ def main(machine):
     show("stillow-filter &", machine.filter.log())
     visit(machine, BLOCKED, blocked=False)
 
-    step("The daemon starts and proves that the filter really drops connections.")
+    step("The daemon starts, finds no promise to keep, and serves clients.")
     machine.start_daemon()
     show("StillowDaemon &", machine.daemon.log())
 
@@ -74,8 +74,11 @@ def main(machine):
     step("kill -9 of the daemon changes nothing.")
     before = machine.active()
     machine.kill(machine.daemon)
+    show("kill -9 $daemon", "")
     visit(machine, BLOCKED, blocked=True)
+    log = machine.daemon.log()
     machine.start_daemon()
+    show("StillowDaemon &", machine.daemon.log().removeprefix(log))
     after = machine.active()
     require(after is not None, "the Commitment is gone")
     require(set(after["scope"]) == set(before["scope"]), "the Scope has changed")
@@ -84,10 +87,14 @@ def main(machine):
 
     step("kill -9 of the filter is noticed, and healed when it runs again.")
     machine.kill(machine.filter)
+    show("kill -9 $filter", "")
     wait_until(lambda: "degraded" in machine.health(), "the loss to be noticed")
     stillow(machine, "status")
+    log = machine.filter.log()
     machine.start_filter()
     wait_until(lambda: machine.health() == {"healthy": {}}, "health")
+    show("stillow-filter &", machine.filter.log().removeprefix(log))
+    stillow(machine, "status")
     visit(machine, BLOCKED, blocked=True)
 
     step("The Commitment ends by itself when its time has run.")
