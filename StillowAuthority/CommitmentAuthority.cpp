@@ -220,8 +220,7 @@ Task<CommitmentAuthority::StatusResult> CommitmentAuthority::resolveAndActivate(
   Rule rule = [websites, duration = request.duration](Machine& machine, Date now) {
     // Judged before, too, but the turn may have come late.
     if (auto refusal = machine.readiness().activationRefusal(now)) {
-      return Machine::Ruling(
-          std::unexpected(DaemonError::enforcementNotValidated{std::move(*refusal)}));
+      return Machine::Ruling(std::unexpected(DaemonError::enforcementNotValidated{*refusal}));
     }
     return machine.activate(websites, duration, now);
   };

@@ -30,7 +30,7 @@ class CommitmentAuthorityMachine {
       AuthorityState state = AuthorityState::idle{},
       core::EnforcementHealthStatus enforcement = core::EnforcementHealthStatus::healthy{},
       ipc::EnforcementReadinessReport readiness = {})
-      : state_(std::move(state)), enforcement_(enforcement), readiness_(std::move(readiness)) {}
+      : state_(std::move(state)), enforcement_(enforcement), readiness_(readiness) {}
 
   [[nodiscard]] const AuthorityState& state() const noexcept { return state_; }
   [[nodiscard]] const core::EnforcementHealthStatus& enforcement() const noexcept {

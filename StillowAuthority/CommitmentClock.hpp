@@ -58,7 +58,7 @@ class CommitmentClock final : public RunningTimeSampling,
       concurrency::Executor executor, std::shared_ptr<CommitmentAuthority> authority, Time time) {
     return make(std::move(executor), std::move(authority), std::move(time), Cadence{});
   }
-  ~CommitmentClock();
+  ~CommitmentClock() override;
   CommitmentClock(const CommitmentClock&) = delete;
   CommitmentClock& operator=(const CommitmentClock&) = delete;
 

@@ -220,7 +220,7 @@ Task<CommitmentAuthority::StatusResult> DaemonXPCService::activate(Self self, Sh
   // Before anything is decoded: what the daemon may not do now, it does not look at.
   auto refusal = co_await authority->activationRefusal();
   if (refusal) {
-    co_return std::unexpected(DaemonError::enforcementNotValidated{std::move(*refusal)});
+    co_return std::unexpected(DaemonError::enforcementNotValidated{*refusal});
   }
   auto activation = co_await decoded<ipc::ActivationRequest>(self, std::move(request));
   if (!activation) co_return std::unexpected(DaemonError::malformedRequest{"ActivationRequest"});

@@ -108,7 +108,7 @@ NameReading readExtensions(MessageCursor extensions) noexcept {
       const HostName* name = reading.name();
       // Only a provider's outer name has to wait for the rest of the hello.
       if (name == nullptr || !isPublicNameOfEncryptedHello(name->text())) return reading;
-      publicName = std::move(reading);
+      publicName = reading;
     }
     if (isEncrypted && publicName) return NameReading::none{};
   }

@@ -36,7 +36,7 @@ struct NameReading {
 
   NameReading(needMore value) noexcept : cases(value) {}
   NameReading(none value) noexcept : cases(value) {}
-  NameReading(found value) noexcept : cases(std::move(value)) {}
+  NameReading(found value) noexcept : cases(value) {}
 
   /// The name, or null unless there is one. Valid as long as this reading is.
   [[nodiscard]] const HostName* name() const noexcept {

@@ -114,6 +114,7 @@ std::expected<pid_t, int> spawn(const std::string& path, const std::vector<std::
   }
   std::vector<std::string> ownedArguments = arguments;
   std::vector<char*> argumentPointers;
+  argumentPointers.reserve(ownedArguments.size() + 1);
   for (auto& argument : ownedArguments) argumentPointers.push_back(argument.data());
   argumentPointers.push_back(nullptr);
   std::array<std::string, 2> environment{"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"};

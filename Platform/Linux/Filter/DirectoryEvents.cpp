@@ -114,6 +114,7 @@ std::expected<void, std::error_code> DirectoryEvents::drain() {
 
 std::expected<void, std::error_code> DirectoryEvents::watchLevels() {
   std::vector<int> before;
+  before.reserve(levels_.size());
   for (Level& level : levels_) before.push_back(std::exchange(level.watch, -1));
 
   // From the root down: a directory that is made meanwhile is either seen here or is an event.
