@@ -220,7 +220,8 @@ Message message(std::string_view line) {
 }
 
 TEST(JSONRPC, readsItsOwnAnswers) {
-  const auto result = std::get<Response>(message(resultText("12", bytes("{\"a\":1}")).string()));
+  const std::string answer = resultText("12", bytes("{\"a\":1}")).string();
+  const auto result = std::get<Response>(message(answer));
   EXPECT_EQ(result.id, 12U);
   EXPECT_EQ(result.result, "{\"a\":1}");
   EXPECT_EQ(result.error, std::nullopt);

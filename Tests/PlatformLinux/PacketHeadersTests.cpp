@@ -20,7 +20,8 @@ std::string payloadOf(const std::optional<PacketHeaders>& headers) {
 TEST(PacketHeaders, readATCPSegmentWithOptionsInBothHeaders) {
   const auto flow = flowTo(7);
   const auto segment = tcpSegment(flow, hello, {.sequence = 0xfffffff0, .optionBytes = 40});
-  const auto headers = PacketHeaders::read(ipv4Packet(flow, segment, 40));
+  const auto packet = ipv4Packet(flow, segment, 40);
+  const auto headers = PacketHeaders::read(packet);
   ASSERT_TRUE(headers);
   EXPECT_EQ(headers->flow, flow);
   EXPECT_EQ(headers->sequence, 0xfffffff0U);
@@ -31,7 +32,8 @@ TEST(PacketHeaders, readATCPSegmentWithOptionsInBothHeaders) {
 
 TEST(PacketHeaders, readTheSYNThatCarriesPayload) {
   const auto flow = flowTo(7);
-  const auto headers = PacketHeaders::read(tcpPacket(flow, hello, {.isSYN = true}));
+  const auto packet = tcpPacket(flow, hello, {.isSYN = true});
+  const auto headers = PacketHeaders::read(packet);
   ASSERT_TRUE(headers);
   EXPECT_TRUE(headers->isSYN);
   EXPECT_EQ(payloadOf(headers), "hello");
@@ -40,7 +42,8 @@ TEST(PacketHeaders, readTheSYNThatCarriesPayload) {
 TEST(PacketHeaders, readADatagramOverEitherFamily) {
   for (const bool isIPv6 : {false, true}) {
     const auto flow = flowTo(7, 50'000, FlowKey::Protocol::udp, isIPv6);
-    const auto headers = PacketHeaders::read(udpPacket(flow, hello));
+    const auto packet = udpPacket(flow, hello);
+    const auto headers = PacketHeaders::read(packet);
     ASSERT_TRUE(headers);
     EXPECT_EQ(headers->flow, flow);
     EXPECT_EQ(payloadOf(headers), "hello");
@@ -66,7 +69,8 @@ TEST(PacketHeaders, lookThroughExtensionHeaders) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    const auto headers = PacketHeaders::read(ipv6Packet(flow, segment, row.headers, row.first));
+    const auto packet = ipv6Packet(flow, segment, row.headers, row.first);
+    const auto headers = PacketHeaders::read(packet);
     ASSERT_TRUE(headers);
     EXPECT_EQ(headers->flow, flow);
     EXPECT_EQ(payloadOf(headers), "hello");

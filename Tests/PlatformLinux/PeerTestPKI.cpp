@@ -1,9 +1,12 @@
 #include "PeerTestPKI.hpp"
 
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <openssl/cms.h>
@@ -150,7 +153,13 @@ std::string readFile(const std::string& path) {
 }
 
 void writeFile(const std::string& path, std::string_view content, unsigned mode) {
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  int file = -1;
+  // A program that has ended keeps its file busy until the kernel has let go of its memory.
+  for (int tries = 0; tries < 10'000; ++tries) {
+    file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (file >= 0 || errno != ETXTBSY) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
   require(file >= 0, "the file of a test cannot be opened");
   require(::write(file, content.data(), content.size()) == static_cast<ssize_t>(content.size()),
           "the file of a test cannot be written");
