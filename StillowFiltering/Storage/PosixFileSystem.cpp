@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "StillowFiltering/Storage/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::filtering {
 
@@ -36,7 +36,7 @@ struct DirectoryCloser {
 
 class PosixFileSystem::File final : public WritableFile {
  public:
-  File(PosixFileSystem& fileSystem, FileDescriptor descriptor)
+  File(PosixFileSystem& fileSystem, core::FileDescriptor descriptor)
       : fileSystem_(fileSystem), descriptor_(std::move(descriptor)) {}
 
   std::expected<std::size_t, std::error_code> write(std::string_view bytes) override {
@@ -50,12 +50,12 @@ class PosixFileSystem::File final : public WritableFile {
 
  private:
   PosixFileSystem& fileSystem_;
-  FileDescriptor descriptor_;
+  core::FileDescriptor descriptor_;
 };
 
 std::expected<std::unique_ptr<WritableFile>, std::error_code> PosixFileSystem::createExclusively(
     const std::string& path, unsigned mode) {
-  FileDescriptor descriptor(
+  core::FileDescriptor descriptor(
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<::mode_t>(mode)));
   if (!descriptor) return lastError();
   // The mask may only have taken bits away so far.
@@ -70,7 +70,7 @@ std::expected<std::unique_ptr<WritableFile>, std::error_code> PosixFileSystem::c
 std::expected<std::optional<std::string>, std::error_code> PosixFileSystem::read(
     const std::string& path, std::size_t bytesMax) {
   // Not blocking, because what is at the path may be a pipe that nobody writes to.
-  const FileDescriptor descriptor(
+  const core::FileDescriptor descriptor(
       ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   if (!descriptor) {
     if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
@@ -106,7 +106,7 @@ Outcome PosixFileSystem::rename(const std::string& from, const std::string& to) 
 Outcome PosixFileSystem::remove(const std::string& path) { return outcome(::unlink(path.c_str())); }
 
 Outcome PosixFileSystem::syncDirectory(const std::string& path) {
-  const FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const core::FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!descriptor) return lastError();
   return outcome(flushToDisk(descriptor.get()));
 }

@@ -15,7 +15,7 @@
 
 #include "NamespaceTesting.hpp"
 #include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 #include "TestSupport/DeterministicExecutor.hpp"
 #include "TestSupport/TemporaryDirectory.hpp"
 
@@ -135,8 +135,8 @@ class PrivateMachine {
 };
 
 /// A socket of `type` on 127.0.0.1 and `port` that nobody ever reads from.
-FileDescriptor silentSocket(int type, std::uint16_t port) {
-  FileDescriptor socket(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
+core::FileDescriptor silentSocket(int type, std::uint16_t port) {
+  core::FileDescriptor socket(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);

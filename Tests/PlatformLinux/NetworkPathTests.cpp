@@ -23,7 +23,7 @@
 #include "PlatformLinuxDaemon/BoottimeSleeper.hpp"
 #include "PlatformLinuxDaemon/NetworkPathReading.hpp"
 #include "PlatformLinuxDaemon/SystemNetworkPathObserver.hpp"
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 #include "TestSupport/TemporaryDirectory.hpp"
 
 namespace stillow::platform {
@@ -124,7 +124,7 @@ class Tunnel {
   }
 
  private:
-  FileDescriptor device_;
+  core::FileDescriptor device_;
 };
 
 TEST(NetworkPathReading, saysVPNWhenATunnelCarriesTraffic) {

@@ -44,7 +44,7 @@ class SignedExecutablePeer : public testing::Test {
   /// A process that runs the probe and has connected.
   struct Peer {
     ChildProcess process;
-    FileDescriptor connection;
+    core::FileDescriptor connection;
   };
   [[nodiscard]] Peer connect(pid_t pid = 0) const {
     auto process = spawn(probe, listener.path(), pid);
@@ -193,8 +193,8 @@ TEST_F(SignedExecutablePeer, isIdentifiedWithoutItsConnection) {
   const auto connected = peers.connectedPeer(peer.connection.get());
   ASSERT_TRUE(connected.has_value());
   // Kept open under another number, because the probe ends with its connection.
-  const FileDescriptor held(::fcntl(peer.connection.get(), F_DUPFD_CLOEXEC, 0));
-  peer.connection = FileDescriptor();
+  const core::FileDescriptor held(::fcntl(peer.connection.get(), F_DUPFD_CLOEXEC, 0));
+  peer.connection = core::FileDescriptor();
   EXPECT_TRUE((*connected)->codeIdentity().has_value());
 }
 
@@ -340,9 +340,9 @@ TEST(PinnedProcess, opensTheExecutableOfItsProcess) {
 }
 
 TEST(PinnedProcess, needsASocketThatHasAPeer) {
-  const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const core::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_FALSE(PinnedProcess::connectedPeer(socket.get()).has_value()) << "not connected";
-  const FileDescriptor tcp(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const core::FileDescriptor tcp(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_FALSE(PinnedProcess::connectedPeer(tcp.get()).has_value());
   EXPECT_FALSE(PinnedProcess::connectedPeer(-1).has_value());
   EXPECT_FALSE(PinnedProcess::withID(0).has_value());
@@ -352,8 +352,8 @@ TEST(PinnedProcess, needsASocketThatHasAPeer) {
 TEST(PinnedProcess, isNoProcessOfAnOuterNamespace) {
   int sockets[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
-  const FileDescriptor near(sockets[0]);
-  const FileDescriptor far(sockets[1]);
+  const core::FileDescriptor near(sockets[0]);
+  const core::FileDescriptor far(sockets[1]);
   const auto child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {

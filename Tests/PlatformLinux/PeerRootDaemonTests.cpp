@@ -47,8 +47,8 @@ TEST_F(RootDaemon, isNobodyElse) {
   constexpr uid_t nobody = 65534;
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);
-  FileDescriptor readEnd(ready[0]);
-  FileDescriptor writeEnd(ready[1]);
+  core::FileDescriptor readEnd(ready[0]);
+  core::FileDescriptor writeEnd(ready[1]);
   const auto child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -57,7 +57,7 @@ TEST_F(RootDaemon, isNobodyElse) {
     for (;;) ::pause();
   }
   const ChildProcess daemon(child);
-  writeEnd = FileDescriptor();
+  writeEnd = core::FileDescriptor();
   char answer = 0;
   ASSERT_EQ(::read(readEnd.get(), &answer, 1), 1);
   ASSERT_EQ(answer, 'y');
@@ -66,7 +66,7 @@ TEST_F(RootDaemon, isNobodyElse) {
 }
 
 TEST_F(RootDaemon, needsAConnection) {
-  const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const core::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_FALSE(requireRootDaemon(socket.get(), socketPath).has_value());
 }
 

@@ -28,8 +28,8 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-FileDescriptor newSocket() {
-  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+core::FileDescriptor newSocket() {
+  core::FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   require(static_cast<bool>(socket), "no socket");
   return socket;
 }
@@ -83,15 +83,15 @@ Listener::Listener(std::string path) : path_(std::move(path)), socket_(boundSock
   require(::listen(socket_.get(), 16) == 0, "cannot listen");
 }
 
-FileDescriptor Listener::accept() const {
+core::FileDescriptor Listener::accept() const {
   pollfd poll{socket_.get(), POLLIN, 0};
   require(::poll(&poll, 1, 60'000) == 1, "nobody connects");
-  FileDescriptor connection(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  core::FileDescriptor connection(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
   require(static_cast<bool>(connection), "cannot accept");
   return connection;
 }
 
-FileDescriptor connectTo(const std::string& path) {
+core::FileDescriptor connectTo(const std::string& path) {
   auto socket = newSocket();
   const auto address = addressOf(path);
   require(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
@@ -99,7 +99,7 @@ FileDescriptor connectTo(const std::string& path) {
   return socket;
 }
 
-FileDescriptor boundSocket(const std::string& path) {
+core::FileDescriptor boundSocket(const std::string& path) {
   auto socket = newSocket();
   const auto address = addressOf(path);
   require(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,

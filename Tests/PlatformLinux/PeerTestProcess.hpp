@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 /// Real peers for the tests: programs that connect to a listening socket.
 namespace stillow::platform::test {
@@ -40,16 +40,16 @@ class Listener {
 
   [[nodiscard]] const std::string& path() const { return path_; }
   /// The next connection; stops the test program if none comes within a minute.
-  [[nodiscard]] FileDescriptor accept() const;
+  [[nodiscard]] core::FileDescriptor accept() const;
 
  private:
   std::string path_;
-  FileDescriptor socket_;
+  core::FileDescriptor socket_;
 };
 
 /// A connection to the listener at `path`, from this process.
-[[nodiscard]] FileDescriptor connectTo(const std::string& path);
+[[nodiscard]] core::FileDescriptor connectTo(const std::string& path);
 /// A socket that is bound to `path` and does not listen yet.
-[[nodiscard]] FileDescriptor boundSocket(const std::string& path);
+[[nodiscard]] core::FileDescriptor boundSocket(const std::string& path);
 
 }  // namespace stillow::platform::test

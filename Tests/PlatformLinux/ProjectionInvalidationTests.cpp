@@ -29,8 +29,8 @@ using testing::openDescriptors;
 /// Stands in for the timer, because no test may set the clock of the machine.
 class EventClockChangeNotifier final : public ClockChangeNotifying {
  public:
-  FileDescriptor open() override {
-    return FileDescriptor(::fcntl(event_.get(), F_DUPFD_CLOEXEC, 0));
+  core::FileDescriptor open() override {
+    return core::FileDescriptor(::fcntl(event_.get(), F_DUPFD_CLOEXEC, 0));
   }
   bool takeChange(int descriptor) override {
     ++asked;
@@ -46,7 +46,7 @@ class EventClockChangeNotifier final : public ClockChangeNotifying {
   int asked = 0;
 
  private:
-  FileDescriptor event_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  core::FileDescriptor event_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };
 
 struct InvalidationWorld {
@@ -210,7 +210,7 @@ TEST(TimerClockChangeNotifier, setsARealTimeTimerThatTheKernelCancelsWhenTheCloc
   // Absolute, and cancelled on set.
   const std::vector<std::string> lines{"clockid: 0\n", "settime flags: 03\n"};
   ASSERT_EQ(testing::descriptorsWith(lines), 0U);
-  const FileDescriptor timer = notifier.open();
+  const core::FileDescriptor timer = notifier.open();
   ASSERT_TRUE(timer);
   EXPECT_EQ(testing::descriptorsWith(lines), 1U);
   EXPECT_NE(::fcntl(timer.get(), F_GETFD) & FD_CLOEXEC, 0);

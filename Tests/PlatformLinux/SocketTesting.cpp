@@ -195,7 +195,7 @@ bool RawClient::hasNews() const {
 
 void RawClient::finishSending() const { (void)::shutdown(socket_.get(), SHUT_WR); }
 
-void RawClient::close() { socket_ = FileDescriptor(); }
+void RawClient::close() { socket_ = core::FileDescriptor(); }
 
 std::optional<std::string> RawClient::status(int id) {
   const std::string call =

@@ -23,10 +23,10 @@
 #include <sys/types.h>
 
 #include "PlatformLinuxIPC/UnixSocketDaemonListener.hpp"
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
 #include "StillowConcurrency/OneShot.hpp"
 #include "StillowConcurrency/Sleeper.hpp"
 #include "StillowConcurrency/ThreadBlockingExecutor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 #include "StillowIPC/DaemonConnection.hpp"
 #include "StillowIPC/PeerIdentifying.hpp"
 #include "TestSupport/TemporaryDirectory.hpp"
@@ -257,7 +257,7 @@ class RawClient {
   [[nodiscard]] ssize_t receive();
 
   std::string path_;
-  FileDescriptor socket_;
+  core::FileDescriptor socket_;
   std::string buffered_;
 };
 

@@ -35,7 +35,7 @@ auto acquire(const std::string& directory, const std::function<void()>& onWaitin
 
 /// Whether somebody holds the lock, found out without taking it for longer than a moment.
 bool isHeld(const std::string& directory) {
-  const FileDescriptor file(
+  const core::FileDescriptor file(
       ::open((directory + "/" + StateDirectoryLock::lockFileName).c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_TRUE(file);
   return ::flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;

@@ -52,7 +52,7 @@ std::string push(int observedAt) {
 /// The daemon's end of a connection, played by the test.
 class Served {
  public:
-  explicit Served(FileDescriptor socket) : socket_(std::move(socket)) {}
+  explicit Served(core::FileDescriptor socket) : socket_(std::move(socket)) {}
 
   /// The next line; none at the end.
   std::optional<std::string> line() {
@@ -78,10 +78,10 @@ class Served {
     }
   }
   void sendLine(std::string_view line) const { send(std::string(line) + "\n"); }
-  void close() { socket_ = FileDescriptor(); }
+  void close() { socket_ = core::FileDescriptor(); }
 
  private:
-  FileDescriptor socket_;
+  core::FileDescriptor socket_;
   std::string buffered_;
 };
 
@@ -250,9 +250,9 @@ TEST_F(UnixSocketClient, isServedOnceTheQueueHasAPlace) {
   const auto first = connectTo(path);
   auto result = start(client().status());
   sleeper->waitForSleep(std::chrono::milliseconds(20));
-  const FileDescriptor accepted(::accept(busy.get(), nullptr, nullptr));
+  const core::FileDescriptor accepted(::accept(busy.get(), nullptr, nullptr));
   sleeper->elapse(std::chrono::milliseconds(20));
-  Served daemon{FileDescriptor(::accept(busy.get(), nullptr, nullptr))};
+  Served daemon{core::FileDescriptor(::accept(busy.get(), nullptr, nullptr))};
   EXPECT_EQ(daemon.line(), R"({"jsonrpc":"2.0","id":1,"method":"status"})");
   daemon.sendLine(answer(1, statusRecord(7)));
   EXPECT_TRUE(result.wait().has_value());

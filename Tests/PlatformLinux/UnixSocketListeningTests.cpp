@@ -33,7 +33,7 @@ class NoMoreDescriptors {
  public:
   NoMoreDescriptors() {
     core::require(::getrlimit(RLIMIT_NOFILE, &before_) == 0, "no limit to be read");
-    const FileDescriptor lowest(::dup(STDERR_FILENO));
+    const core::FileDescriptor lowest(::dup(STDERR_FILENO));
     set(static_cast<rlim_t>(lowest.get()));
   }
   NoMoreDescriptors(const NoMoreDescriptors&) = delete;
@@ -112,7 +112,7 @@ TEST_F(UnixSocketListening, seesSomebodyListenWhoseQueueIsFull) {
   std::filesystem::create_directory(directory.path("run"));
   const auto busy = boundSocket(path);
   ASSERT_EQ(::listen(busy.get(), 0), 0);
-  std::vector<FileDescriptor> waiting;
+  std::vector<core::FileDescriptor> waiting;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);

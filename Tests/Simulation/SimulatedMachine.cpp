@@ -1,6 +1,7 @@
 #include "SimulatedMachine.hpp"
 
 #include "StillowCore/Invariant.hpp"
+#include "StillowCore/ValidationHosts.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
 
 namespace stillow::simulation {
@@ -24,7 +25,7 @@ Task<bool> thenTrue(Task<void> task) {
 // ---- kernel and network
 
 bool Kernel::isDropping(const std::string& host, core::Date now) const {
-  if (!filterIsPresent || !isArmed || !adopted) return false;
+  if (!filterIsPresent || !isArmed || !adopted || dropsNothing) return false;
   const auto domain = core::Domain::make(host);
   return domain && adopted->effectiveDomains(now).contains(*domain);
 }
@@ -100,7 +101,7 @@ class SimulatedMachine::Connector final : public authority::DiagnosticConnecting
       const auto sleeper = machine->executor().sleeper();
       (void)co_await sleeper->sleep(std::min(needed, timeout), concurrency::Cancellation());
     }
-    const bool isProbe = host == authority::ValidationDomains::probedHostName;
+    const bool isProbe = host == core::ValidationHosts::probed;
     if (isProbe) machine->probeWasDropped_ = isDropped;
     if (isDropped || machine->networkIsDown || needed >= timeout) {
       co_return DiagnosticConnectionOutcome::connectionFailed;
@@ -122,8 +123,16 @@ class SimulatedMachine::Directives final : public filtering::EnforcementDirectiv
       : machine_(machine), store_(machine.disk, directivePath) {}
   std::expected<void, filtering::EnforcementDirectiveError> publish(
       const filtering::EnforcementDirective& directive) override {
+    if (const auto saved = machine_.savedState(); saved && directive.scope) {
+      const core::Commitment* const commitment = saved->commitment();
+      if (commitment == nullptr || commitment->scope != *directive.scope) {
+        machine_.hasToldTooEarly_ = true;
+      }
+    }
     auto published = store_.publish(directive);
     machine_.directiveIsUncertain_ = !published.has_value();
+    machine_.scopeIsUncertain_ = !published && lastPublished_ != directive.scope;
+    if (published) lastPublished_ = directive.scope;
     machine_.filterLooks();  // also after a failure that came too late to keep the old one
     return published;
   }
@@ -131,6 +140,7 @@ class SimulatedMachine::Directives final : public filtering::EnforcementDirectiv
  private:
   SimulatedMachine& machine_;
   filtering::FileEnforcementDirectiveStore store_;
+  std::optional<core::Scope> lastPublished_;
 };
 
 class SimulatedMachine::Monotonic final : public authority::MonotonicTimeSource {
@@ -165,6 +175,8 @@ void SimulatedMachine::startDaemon() {
   paths_ = std::make_shared<test::ScriptedNetworkPath>();
   paths_->present = network_;
   invalidations_ = std::make_shared<Invalidations>();
+  // Where the checkpoints cannot be read, what is in force and what is saved differ from the start.
+  failuresAtStart_ = disk.isUnreadable ? -1 : disk.failures;
   notePathChange();
   daemon_ = daemon::Daemon::build(daemon::Daemon::Adapters{
       .executor = executor_->executor(),
@@ -199,6 +211,16 @@ Task<void> SimulatedMachine::observe(SimulatedMachine* machine,
 
 Task<void> SimulatedMachine::note(SimulatedMachine* machine,
                                   CommitmentAuthority::StatusPointer status) {
+  if (const auto saved = machine->savedState()) {
+    const core::Commitment* const commitment = saved->commitment();
+    const auto* const active = status->active();
+    const bool isSaved = active == nullptr
+                             ? commitment == nullptr
+                             : commitment != nullptr &&
+                                   commitment->activatedAt == active->activatedAt &&
+                                   commitment->scope.generation == active->scopeGeneration;
+    if (!isSaved) machine->hasToldTooEarly_ = true;
+  }
   machine->announced_.push_back(*status);
   machine->lastAnnounced_ = *status;
   co_return;
@@ -216,6 +238,14 @@ void SimulatedMachine::endProcess() {
   endpoint_.reset();
   executor_.reset();
   disk.callsUntilDeath.reset();
+}
+
+/// What the disk holds; none while the daemon has an excuse for knowing of something else.
+std::optional<authority::AuthorityState> SimulatedMachine::savedState() {
+  if (disk.failures != failuresAtStart_) return std::nullopt;
+  auto recovered = authority::DurableCommitmentStore(disk.medium, stateDirectory).recover();
+  if (!recovered.checkpoint) return authority::AuthorityState(authority::AuthorityState::idle{});
+  return std::move(recovered.checkpoint->state);
 }
 
 void SimulatedMachine::killDaemon() {

@@ -33,6 +33,7 @@
 namespace stillow::simulation {
 
 inline constexpr const char* stateDirectory = "/state";
+inline constexpr const char* checkpointPath = "/state/commitment-checkpoint.json";
 inline constexpr const char* directivePath = "/state/enforcement-directive.json";
 
 /// What the kernel and the filter do. The filter adopts every directive that it can read as soon as
@@ -40,6 +41,7 @@ inline constexpr const char* directivePath = "/state/enforcement-directive.json"
 struct Kernel {
   bool filterIsPresent = true;
   bool isArmed = false;
+  bool dropsNothing = false;  ///< although everything looks as it should
   /// Rules were removed, nobody was told, and nothing was applied since.
   bool lostRulesInSilence = false;
   std::optional<filtering::EnforcementDirective> adopted;
@@ -126,6 +128,11 @@ class SimulatedMachine {
   [[nodiscard]] int clockSettings() const { return clockSettings_; }
   /// The last directive could not be written, so the filter may have it or the one before.
   [[nodiscard]] bool directiveIsUncertain() const { return directiveIsUncertain_; }
+  /// Likewise, and the two have different Scopes.
+  [[nodiscard]] bool scopeIsUncertain() const { return scopeIsUncertain_; }
+  /// The filter or an observer was told of a Commitment, or of its end, that a disk at which
+  /// nothing had failed did not hold yet.
+  [[nodiscard]] bool hasToldTooEarly() const { return hasToldTooEarly_; }
   /// No system step and no connection is under way.
   [[nodiscard]] bool isQuiet() const { return stepsUnderWay_ == 0; }
   /// Counted seconds since the filter's path last changed, the end of a system step included.
@@ -152,6 +159,7 @@ class SimulatedMachine {
 
   void endProcess();
   void filterLooks();
+  [[nodiscard]] std::optional<authority::AuthorityState> savedState();
   void notePathChange() { pathChangedAt_ = countedNow(); }
   [[nodiscard]] double processSeconds() const;
   static concurrency::Task<void> observe(SimulatedMachine* machine,
@@ -170,6 +178,9 @@ class SimulatedMachine {
       .isSatisfied = true, .usesVPN = false, .interfaces = {"eth0"}};
   bool probeWasDropped_ = false;
   bool directiveIsUncertain_ = false;
+  bool scopeIsUncertain_ = false;
+  bool hasToldTooEarly_ = false;
+  int failuresAtStart_ = 0;
   int clockSettings_ = 0;
   int stepsUnderWay_ = 0;
   double pathChangedAt_ = 0;

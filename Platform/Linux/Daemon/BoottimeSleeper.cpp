@@ -16,7 +16,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -34,8 +34,8 @@ constexpr std::chrono::nanoseconds longest = std::chrono::hours(24 * 365);
 
 /// A timer that becomes readable once `duration` has passed; none if the system has no descriptor
 /// left.
-FileDescriptor timerDescriptor(std::chrono::nanoseconds duration) {
-  FileDescriptor timer(::timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK));
+core::FileDescriptor timerDescriptor(std::chrono::nanoseconds duration) {
+  core::FileDescriptor timer(::timerfd_create(CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK));
   if (!timer) return {};
   timespec now{};
   if (::clock_gettime(CLOCK_BOOTTIME, &now) != 0) return {};

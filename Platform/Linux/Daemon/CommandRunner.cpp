@@ -16,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -32,19 +32,19 @@ constexpr std::chrono::milliseconds deathMax{500};
 std::string messageOf(int error) { return std::generic_category().message(error); }
 
 /// The library's own wrapper cannot be linked from C++ with every version of it.
-FileDescriptor openPidfd(pid_t pid) {
-  return FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
+core::FileDescriptor openPidfd(pid_t pid) {
+  return core::FileDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
 }
 
 struct Pipe {
-  FileDescriptor readEnd;
-  FileDescriptor writeEnd;
+  core::FileDescriptor readEnd;
+  core::FileDescriptor writeEnd;
 };
 
 std::optional<Pipe> makePipe() {
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) return std::nullopt;
-  Pipe pipe{FileDescriptor(ends[0]), FileDescriptor(ends[1])};
+  Pipe pipe{core::FileDescriptor(ends[0]), core::FileDescriptor(ends[1])};
   // Only our end: what the child writes to is one description, shared by all its descendants.
   if (::fcntl(pipe.readEnd.get(), F_SETFL, O_NONBLOCK) != 0) return std::nullopt;
   return pipe;
@@ -52,8 +52,8 @@ std::optional<Pipe> makePipe() {
 
 /// The input as a file, so that nobody has to write while the child reads, or gets a SIGPIPE when
 /// it does not.
-FileDescriptor inputFile(const std::string& input) {
-  FileDescriptor file(::memfd_create("stillow-command-input", MFD_CLOEXEC));
+core::FileDescriptor inputFile(const std::string& input) {
+  core::FileDescriptor file(::memfd_create("stillow-command-input", MFD_CLOEXEC));
   if (!file) return {};
   std::size_t written = 0;
   while (written < input.size()) {
@@ -130,7 +130,7 @@ std::expected<pid_t, int> spawn(const std::string& path, const std::vector<std::
 /// A child that was started and not yet waited for; until then its id belongs to nobody else.
 struct Child {
   pid_t pid = -1;
-  FileDescriptor pidfd;
+  core::FileDescriptor pidfd;
 
   /// Kills it and takes it off the process table; false if it does not go within `deathMax`.
   [[nodiscard]] bool end() const {
@@ -145,7 +145,7 @@ struct Child {
 
 /// One stream of the child's: keeps the first `bytesMax` bytes and reads on.
 struct Stream {
-  FileDescriptor from;
+  core::FileDescriptor from;
   std::size_t bytesMax;
   std::string text = {};
   bool isTooLong = false;
@@ -158,7 +158,7 @@ struct Stream {
       if (count < 0 && errno == EINTR) continue;
       if (count < 0 && errno == EAGAIN) return;
       if (count <= 0) {
-        from = FileDescriptor();
+        from = core::FileDescriptor();
         return;
       }
       const auto length = static_cast<std::size_t>(count);
@@ -235,7 +235,7 @@ std::expected<CommandResult, CommandFailure> CommandRunner::run(const Command& c
 
   auto outputPipe = makePipe();
   auto errorPipe = makePipe();
-  const FileDescriptor input = inputFile(command.input);
+  const core::FileDescriptor input = inputFile(command.input);
   if (!outputPipe || !errorPipe || !input) return notStarted(errno);
 
   const auto spawned = spawn(programPath(name), command.arguments, input.get(),
@@ -247,8 +247,8 @@ std::expected<CommandResult, CommandFailure> CommandRunner::run(const Command& c
     if (!child.end()) abandon(child.pid);
     return notStarted(error);
   }
-  outputPipe->writeEnd = FileDescriptor();
-  errorPipe->writeEnd = FileDescriptor();
+  outputPipe->writeEnd = core::FileDescriptor();
+  errorPipe->writeEnd = core::FileDescriptor();
 
   Stream output{.from = std::move(outputPipe->readEnd), .bytesMax = outputBytesMax};
   Stream errors{.from = std::move(errorPipe->readEnd), .bytesMax = errorBytesMax};

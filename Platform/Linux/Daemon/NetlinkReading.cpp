@@ -4,8 +4,9 @@
 
 namespace stillow::platform {
 
-FileDescriptor openNetlinkNotifications(int protocol, std::span<const int> groups) {
-  FileDescriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
+core::FileDescriptor openNetlinkNotifications(int protocol, std::span<const int> groups) {
+  core::FileDescriptor socket(
+      ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
   if (!socket) return {};
   // Without an address of its own a socket is a member of its groups and hears nothing.
   sockaddr_nl address{};

@@ -10,13 +10,14 @@
 
 #include <linux/netlink.h>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
 /// A socket that hears the notifications of `groups` from now on, and does not block; none, with
 /// errno, if there is none to be had.
-[[nodiscard]] FileDescriptor openNetlinkNotifications(int protocol, std::span<const int> groups);
+[[nodiscard]] core::FileDescriptor openNetlinkNotifications(int protocol,
+                                                            std::span<const int> groups);
 
 /// Reading what the kernel sends over netlink, without ever reading past what came. Everything
 /// refers to the bytes that were given.

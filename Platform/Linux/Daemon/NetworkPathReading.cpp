@@ -11,7 +11,7 @@
 #include <net/if_arp.h>
 #include <sys/socket.h>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -151,7 +151,7 @@ bool NetworkPathReading::isRelevant(const NetlinkMessage& message) {
 }
 
 std::expected<authority::NetworkPathSnapshot, std::error_code> NetworkPathReading::read() {
-  const FileDescriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  const core::FileDescriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
   if (!socket) return std::unexpected(lastError());
   std::uint32_t sequence = 0;
   for (int attempt = 1;; ++attempt) {

@@ -44,8 +44,8 @@ std::expected<StateDirectoryLock, Error> StateDirectoryLock::acquire(
                                                         filtering::DurableFile::directoryMode);
     if (!made) return std::unexpected(Error{filtering::describe(made.error())});
 
-    FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                               filtering::DurableFile::fileMode));
+    core::FileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                                     filtering::DurableFile::fileMode));
     if (!file && errno == ENOENT) continue;  // the directory went again
     if (!file) return failure("open", path);
 

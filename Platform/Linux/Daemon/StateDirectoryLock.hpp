@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 #include "StillowFiltering/Storage/FileSystem.hpp"
 
 namespace stillow::platform {
@@ -30,9 +30,9 @@ class [[nodiscard]] StateDirectoryLock {
                                                           const std::function<void()>& onWaiting);
 
  private:
-  explicit StateDirectoryLock(FileDescriptor file) noexcept : file_(std::move(file)) {}
+  explicit StateDirectoryLock(core::FileDescriptor file) noexcept : file_(std::move(file)) {}
 
-  FileDescriptor file_;
+  core::FileDescriptor file_;
 };
 
 }  // namespace stillow::platform

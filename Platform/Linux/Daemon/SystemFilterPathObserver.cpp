@@ -23,7 +23,7 @@
 #include <unistd.h>
 
 #include "PlatformLinuxDaemon/NetlinkReading.hpp"
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -72,8 +72,8 @@ bool takeDeletions(int socket) {
   }
 }
 
-FileDescriptor openings(const std::string& directory) {
-  FileDescriptor descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+core::FileDescriptor openings(const std::string& directory) {
+  core::FileDescriptor descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (!descriptor) return {};
   if (::inotify_add_watch(descriptor.get(), directory.c_str(), IN_OPEN | IN_ONLYDIR) < 0) return {};
   return descriptor;
@@ -112,7 +112,7 @@ struct SystemFilterPathObserver::State {
         rules(strand),
         directory(strand) {}
 
-  static void assign(Descriptor& to, FileDescriptor from) {
+  static void assign(Descriptor& to, core::FileDescriptor from) {
     if (!from) return;
     boost::system::error_code error;
     (void)to.assign(from.get(), error);

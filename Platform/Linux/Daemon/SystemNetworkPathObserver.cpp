@@ -15,7 +15,7 @@
 #include <sys/socket.h>
 
 #include "PlatformLinuxDaemon/NetworkPathReading.hpp"
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -118,7 +118,7 @@ SystemNetworkPathObserver::~SystemNetworkPathObserver() {
 
 Channel<NetworkPathSnapshot> SystemNetworkPathObserver::paths() {
   const auto observation = std::make_shared<Observation>(asio::make_strand(executor_), sleeper_);
-  if (FileDescriptor socket = openNetlinkNotifications(NETLINK_ROUTE, groups)) {
+  if (core::FileDescriptor socket = openNetlinkNotifications(NETLINK_ROUTE, groups)) {
     boost::system::error_code error;
     (void)observation->events.assign(socket.get(), error);
     if (!error) (void)socket.release();

@@ -56,8 +56,8 @@ bool takeZoneChange(int descriptor, std::string_view name) {
   }
 }
 
-FileDescriptor zoneDescriptor(const std::string& directory) {
-  FileDescriptor descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+core::FileDescriptor zoneDescriptor(const std::string& directory) {
+  core::FileDescriptor descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (!descriptor) return {};
   if (::inotify_add_watch(descriptor.get(), directory.c_str(), zoneEvents) < 0) return {};
   return descriptor;
@@ -65,8 +65,8 @@ FileDescriptor zoneDescriptor(const std::string& directory) {
 
 }  // namespace
 
-FileDescriptor TimerClockChangeNotifier::open() {
-  FileDescriptor timer(::timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
+core::FileDescriptor TimerClockChangeNotifier::open() {
+  core::FileDescriptor timer(::timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
   if (!timer) return {};
   itimerspec never{};
   never.it_value.tv_sec = std::numeric_limits<std::time_t>::max();
@@ -93,7 +93,7 @@ struct SystemProjectionInvalidationSource::Watch {
         clockChanges(serial),
         zoneChanges(serial) {}
 
-  static void assign(Descriptor& to, FileDescriptor from) {
+  static void assign(Descriptor& to, core::FileDescriptor from) {
     if (!from) return;
     boost::system::error_code error;
     to.assign(from.get(), error);

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
 #include "StillowAuthority/ProjectionInvalidationSource.hpp"
 #include "StillowConcurrency/Task.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -16,7 +16,7 @@ class ClockChangeNotifying {
  public:
   virtual ~ClockChangeNotifying() = default;
   /// None if the system has none to spare. Close-on-exec and non-blocking.
-  [[nodiscard]] virtual FileDescriptor open() = 0;
+  [[nodiscard]] virtual core::FileDescriptor open() = 0;
   /// Whether the clock was set since the last call. Leaves `descriptor` unreadable until it is
   /// again.
   [[nodiscard]] virtual bool takeChange(int descriptor) = 0;
@@ -26,7 +26,7 @@ class ClockChangeNotifying {
 /// set.
 class TimerClockChangeNotifier final : public ClockChangeNotifying {
  public:
-  [[nodiscard]] FileDescriptor open() override;
+  [[nodiscard]] core::FileDescriptor open() override;
   [[nodiscard]] bool takeChange(int descriptor) override;
 };
 

@@ -57,7 +57,7 @@ DirectoryEvents::DirectoryEvents(std::string directory, std::string fileName) {
 
 std::expected<void, std::error_code> DirectoryEvents::start(std::function<void()> changed) {
   stop();
-  filtering::FileDescriptor inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  core::FileDescriptor inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (!inotify) return std::unexpected(lastError());
   inotify_ = std::move(inotify);
   auto watched = watchLevels();
@@ -70,7 +70,7 @@ std::expected<void, std::error_code> DirectoryEvents::start(std::function<void()
 }
 
 void DirectoryEvents::stop() {
-  inotify_ = filtering::FileDescriptor();
+  inotify_ = core::FileDescriptor();
   changed_ = nullptr;
   for (Level& level : levels_) level.watch = -1;
 }

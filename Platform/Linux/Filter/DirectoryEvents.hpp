@@ -8,8 +8,8 @@
 #include <system_error>
 #include <vector>
 
+#include "StillowCore/FileDescriptor.hpp"
 #include "StillowFiltering/DirectoryEventSource.hpp"
-#include "StillowFiltering/Storage/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -58,7 +58,7 @@ class DirectoryEvents final : public filtering::DirectoryEventSource {
   [[nodiscard]] bool matters(int watch, std::uint32_t mask, std::string_view name) const;
 
   std::vector<Level> levels_;
-  filtering::FileDescriptor inotify_;
+  core::FileDescriptor inotify_;
   std::function<void()> changed_;
 };
 

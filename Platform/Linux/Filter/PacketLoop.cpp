@@ -50,8 +50,8 @@ std::expected<void, std::error_code> PacketLoop::run() {
 }
 
 std::expected<void, std::error_code> PacketLoop::prepare() {
-  poll_ = filtering::FileDescriptor(::epoll_create1(EPOLL_CLOEXEC));
-  timer_ = filtering::FileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  poll_ = core::FileDescriptor(::epoll_create1(EPOLL_CLOEXEC));
+  timer_ = core::FileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
   if (!poll_ || !timer_) return lastSystemError();
   const timespec interval{.tv_sec = tickInterval.count(), .tv_nsec = 0};
   const itimerspec schedule{.it_interval = interval, .it_value = interval};

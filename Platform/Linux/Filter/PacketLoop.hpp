@@ -13,7 +13,7 @@
 #include "PlatformLinuxFilter/PacketJudge.hpp"
 #include "PlatformLinuxFilter/PacketQueue.hpp"
 #include "StillowCore/Date.hpp"
-#include "StillowFiltering/Storage/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
@@ -81,8 +81,8 @@ class PacketLoop {
 
   Parts parts_;
   Hooks hooks_;
-  filtering::FileDescriptor poll_;
-  filtering::FileDescriptor timer_;
+  core::FileDescriptor poll_;
+  core::FileDescriptor timer_;
   std::deque<FlowKey> flowsToCut_;
   bool mustRevise_ = false;
   bool isEnding_ = false;

@@ -36,8 +36,8 @@ std::optional<sockaddr_un> addressOf(const std::filesystem::path& path) {
   return address;
 }
 
-FileDescriptor newSocket() {
-  return FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+core::FileDescriptor newSocket() {
+  return core::FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 /// sockaddr is the C library's own way of not having overloads.
@@ -67,7 +67,7 @@ Result requireReplaceable(const std::filesystem::path& path, const sockaddr_un& 
   if (!S_ISSOCK(status.st_mode)) {
     return std::unexpected(path.string() + " is there and is no socket.");
   }
-  const FileDescriptor probe = newSocket();
+  const core::FileDescriptor probe = newSocket();
   if (!probe) return failure("Making a socket for", path, errno);
   if (::connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN) {
     return std::unexpected("Somebody listens at " + path.string() + " already.");
@@ -77,8 +77,8 @@ Result requireReplaceable(const std::filesystem::path& path, const sockaddr_un& 
 
 }  // namespace
 
-std::expected<FileDescriptor, std::string> listenAt(const std::filesystem::path& path,
-                                                    int backlog) {
+std::expected<core::FileDescriptor, std::string> listenAt(const std::filesystem::path& path,
+                                                          int backlog) {
   if (auto ready = prepareDirectory(path.parent_path()); !ready) {
     return std::unexpected(std::move(ready.error()));
   }
@@ -91,7 +91,7 @@ std::expected<FileDescriptor, std::string> listenAt(const std::filesystem::path&
   }
   if (::unlink(newPath.c_str()) != 0 && errno != ENOENT) return failure("Removing", newPath, errno);
 
-  FileDescriptor listening = newSocket();
+  core::FileDescriptor listening = newSocket();
   if (!listening) return failure("Making a socket for", path, errno);
   if (::bind(listening.get(), generic(*newAddress), sizeof *newAddress) != 0) {
     return failure("Making the socket", newPath, errno);

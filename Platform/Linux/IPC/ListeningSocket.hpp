@@ -4,14 +4,14 @@
 #include <filesystem>
 #include <string>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
 /// A socket that listens at `path`, non-blocking and closed in children, with the permissions 0666
 /// in a directory with 0755. It is made under another name and renamed, so whoever finds it can
 /// connect. The error is one sentence; what it left behind does not hinder the next try.
-[[nodiscard]] std::expected<FileDescriptor, std::string> listenAt(const std::filesystem::path& path,
-                                                                  int backlog);
+[[nodiscard]] std::expected<core::FileDescriptor, std::string> listenAt(
+    const std::filesystem::path& path, int backlog);
 
 }  // namespace stillow::platform

@@ -10,7 +10,7 @@ std::expected<SmallFile, int> readSmallFile(const std::string& path, std::size_t
   // A name with a zero byte would be cut there.
   if (path.find('\0') != std::string::npos) return std::unexpected(EINVAL);
   constexpr int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  const FileDescriptor file(::open(path.c_str(), flags));
+  const core::FileDescriptor file(::open(path.c_str(), flags));
   if (!file) return std::unexpected(errno);
   SmallFile result;
   if (::fstat(file.get(), &result.status) != 0) return std::unexpected(errno);

@@ -55,7 +55,7 @@ std::expected<PinnedProcess, std::string> PinnedProcess::connectedPeer(int conne
     int pidfd = -1;
     socklen_t length = sizeof pidfd;
     if (::getsockopt(connectedSocket, SOL_SOCKET, socketOptionPeerPidfd, &pidfd, &length) == 0) {
-      return pin(pid, FileDescriptor(pidfd));
+      return pin(pid, core::FileDescriptor(pidfd));
     }
     if (errno == EINVAL || errno == ESRCH) return processEnded(pid);
     if (errno != ENOPROTOOPT) {
@@ -68,14 +68,15 @@ std::expected<PinnedProcess, std::string> PinnedProcess::connectedPeer(int conne
 
 std::expected<PinnedProcess, std::string> PinnedProcess::withID(pid_t pid) {
   const auto pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U));
-  if (pidfd >= 0) return pin(pid, FileDescriptor(pidfd));
+  if (pidfd >= 0) return pin(pid, core::FileDescriptor(pidfd));
   if (errno == ESRCH) return processEnded(pid);
   return std::unexpected(processText(pid) + " cannot be held: " + systemErrorText(errno) + ".");
 }
 
-std::expected<PinnedProcess, std::string> PinnedProcess::pin(pid_t pid, FileDescriptor pidfd) {
+std::expected<PinnedProcess, std::string> PinnedProcess::pin(pid_t pid,
+                                                             core::FileDescriptor pidfd) {
   const auto path = "/proc/" + std::to_string(pid);
-  FileDescriptor directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  core::FileDescriptor directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory && errno == ENOENT) return processEnded(pid);
   if (!directory) {
     return std::unexpected(processText(pid) + " cannot be looked at: " + systemErrorText(errno) +
@@ -95,11 +96,11 @@ bool PinnedProcess::isRunning() const {
   return ::poll(&poll, 1, 0) == 0;
 }
 
-std::expected<FileDescriptor, std::string> PinnedProcess::openExecutable() const {
+std::expected<core::FileDescriptor, std::string> PinnedProcess::openExecutable() const {
   // The link leads to the file, not to a name: no other file can be put in its way. Without
   // O_NONBLOCK the file's owner could hold us up with a lease on it.
   constexpr int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-  FileDescriptor executable(::openat(procDirectory_.get(), "exe", flags));
+  core::FileDescriptor executable(::openat(procDirectory_.get(), "exe", flags));
   if (!executable) return noExecutable(*this, errno);
   return executable;
 }

@@ -5,7 +5,7 @@
 
 #include <sys/types.h>
 
-#include "PlatformLinuxPeer/FileDescriptor.hpp"
+#include "StillowCore/FileDescriptor.hpp"
 #include "StillowIPC/PeerIdentifying.hpp"
 
 namespace stillow::platform {
@@ -43,21 +43,21 @@ class PinnedProcess {
 
   /// The file that the process executes now, opened for reading: that file itself, whatever has
   /// become of its name.
-  [[nodiscard]] std::expected<FileDescriptor, std::string> openExecutable() const;
+  [[nodiscard]] std::expected<core::FileDescriptor, std::string> openExecutable() const;
 
   /// The name under which the kernel knows that file. No more than a hint: it may be gone, or lead
   /// elsewhere from here.
   [[nodiscard]] std::expected<std::string, std::string> executableName() const;
 
  private:
-  PinnedProcess(pid_t pid, FileDescriptor pidfd, FileDescriptor procDirectory) noexcept
+  PinnedProcess(pid_t pid, core::FileDescriptor pidfd, core::FileDescriptor procDirectory) noexcept
       : pid_(pid), pidfd_(std::move(pidfd)), procDirectory_(std::move(procDirectory)) {}
-  static std::expected<PinnedProcess, std::string> pin(pid_t pid, FileDescriptor pidfd);
+  static std::expected<PinnedProcess, std::string> pin(pid_t pid, core::FileDescriptor pidfd);
 
   pid_t pid_;
-  FileDescriptor pidfd_;
+  core::FileDescriptor pidfd_;
   /// /proc/PID. Open, it belongs to the process, not to the number.
-  FileDescriptor procDirectory_;
+  core::FileDescriptor procDirectory_;
 };
 
 }  // namespace stillow::platform

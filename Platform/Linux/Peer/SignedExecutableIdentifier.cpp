@@ -17,7 +17,7 @@ namespace {
 
 /// Reads `size` bytes from the start of `file`. Not by mapping them: a file that is cut short
 /// meanwhile would then end this process.
-std::expected<core::SHA256Digest, std::string> readDigest(const FileDescriptor& file,
+std::expected<core::SHA256Digest, std::string> readDigest(const core::FileDescriptor& file,
                                                           std::uint64_t size) {
   constexpr std::size_t pieceBytes = 256 * 1024;
   struct ContextFreeing {
@@ -91,7 +91,7 @@ std::expected<ipc::CodeIdentity, std::string> SignedExecutableIdentifier::identi
 }
 
 std::expected<core::SHA256Digest, std::string> SignedExecutableIdentifier::digestOf(
-    const FileDescriptor& file, const FileVersion& version) {
+    const core::FileDescriptor& file, const FileVersion& version) {
   if (const auto remembered = digests_.find(version)) return *remembered;
   // Judged by the moment before the first byte is read: a change after that moment shows.
   const bool isSettled = version.isSettled(now_());

@@ -35,7 +35,7 @@ class SignedExecutableIdentifier {
   [[nodiscard]] std::size_t executablesRead() const noexcept { return executablesRead_; }
 
  private:
-  std::expected<core::SHA256Digest, std::string> digestOf(const FileDescriptor& file,
+  std::expected<core::SHA256Digest, std::string> digestOf(const core::FileDescriptor& file,
                                                           const FileVersion& version);
 
   const std::expected<CodeSigningAnchor, std::string> anchor_;

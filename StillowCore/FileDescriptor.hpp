@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-namespace stillow::platform {
+namespace stillow::core {
 
 /// Owns one descriptor and closes it.
 class FileDescriptor {
@@ -19,7 +19,7 @@ class FileDescriptor {
     return *this;
   }
   ~FileDescriptor() {
-    // Nothing that was written through these descriptors could be lost here.
+    // A file that is written is flushed before, or given up: an error here says nothing new.
     if (descriptor_ >= 0) (void)::close(descriptor_);
   }
 
@@ -32,4 +32,4 @@ class FileDescriptor {
   int descriptor_ = -1;
 };
 
-}  // namespace stillow::platform
+}  // namespace stillow::core
