@@ -1,80 +1,8 @@
-#include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <initializer_list>
-#include <string>
-#include <utility>
-#include <vector>
+#include "Scenario.hpp"
 
-#include <gtest/gtest.h>
-
-#include "Promises.hpp"
-#include "SimulatedMachine.hpp"
-
-/// Situations that are worth a name, each under a number of schedules.
+/// Filter, clients and health.
 namespace stillow::simulation {
 namespace {
-
-using core::DegradedReason;
-using core::EnforcementHealthStatus;
-using core::EnforcementValidation;
-using Result = ipc::CommitmentAuthorityClient::Result;
-
-constexpr std::uint64_t schedules = 60;
-
-/// A machine whose daemon is up and healthy.
-class Scenario {
- public:
-  explicit Scenario(std::uint64_t seed) : machine(seed) {
-    machine.disk.medium.placeDirectory(stateDirectory, 0700);
-    machine.startDaemon();
-    machine.executor().runReady();
-  }
-
-  template <class T>
-  T run(concurrency::Task<T> task) {
-    const auto result = begin(machine, std::move(task));
-    machine.executor().runReady();
-    // A call ends by its deadline at the latest.
-    for (int seconds = 0; !result->has_value() && seconds < 40; ++seconds) machine.advance(1);
-    core::require(result->has_value(), "a call does not end");
-    return std::move(**result);
-  }
-  ipc::DaemonStatus expect(concurrency::Task<Result> task) {
-    Result result = run(std::move(task));
-    EXPECT_TRUE(result) << ipc::description(result.error());
-    return result ? std::move(*result) : ipc::DaemonStatus{};
-  }
-  static core::DomainSet sites(std::initializer_list<const char*> names) {
-    std::vector<core::Domain> made;
-    for (const char* const name : names) made.push_back(*core::Domain::make(name));
-    return core::DomainSet::of(std::move(made));
-  }
-  /// A Commitment over one site, behind a validation.
-  ipc::DaemonStatus activate(double seconds) {
-    (void)expect(machine.client()->validateEnforcement());
-    return expect(machine.client()->activate({core::CommitmentSelection::allWebsites{},
-                                              {{*core::Domain::make("first.example"), {}}},
-                                              *core::CommitmentDuration::fromSeconds(seconds)}));
-  }
-  [[nodiscard]] bool isHealthy() {
-    return core::is<EnforcementHealthStatus::healthy>(machine.status().enforcement);
-  }
-  [[nodiscard]] bool isBlocking(const char* site) {
-    return machine.kernel.isDropping(site, machine.now());
-  }
-
-  SimulatedMachine machine;
-};
-
-void underSchedules(const std::function<void(Scenario&)>& body) {
-  for (std::uint64_t seed = 1; seed <= schedules; ++seed) {
-    SCOPED_TRACE("schedule " + std::to_string(seed));
-    Scenario scenario(seed);
-    body(scenario);
-    if (testing::Test::HasFailure()) return;
-  }
-}
 
 TEST(Scenarios, answersTwoValidationsAtOnceFromRunsThatDoNotMix) {
   underSchedules([](Scenario& scenario) {
@@ -91,6 +19,25 @@ TEST(Scenarios, answersTwoValidationsAtOnceFromRunsThatDoNotMix) {
     }
     EXPECT_EQ(machine.kernel.adopted->validation, std::nullopt) << "no probe is left behind";
     EXPECT_FALSE(machine.kernel.isArmed) << "nothing keeps the filter armed";
+  });
+}
+
+TEST(Scenarios, takesNoValidationsProbeBackWithThatOfAnother) {
+  underSchedules([](Scenario& scenario) {
+    auto& machine = scenario.machine;
+    machine.connectionSeconds = 1;
+    const auto first = begin(machine, machine.client(0)->validateEnforcement());
+    machine.advance(1.5);
+    const auto second = begin(machine, machine.client(1)->validateEnforcement());
+    machine.sleep(0.5);  // the first one ends in the very moment in which the second begins
+    machine.executor().runReady();
+    machine.advance(20);
+    for (const auto& answer : {first, second}) {
+      ASSERT_TRUE(answer->has_value() && **answer);
+      EXPECT_EQ((**answer)->readiness.validation, EnforcementValidation::passed{});
+    }
+    EXPECT_EQ(machine.kernel.adopted->validation, std::nullopt);
+    EXPECT_FALSE(machine.kernel.isArmed);
   });
 }
 
@@ -116,28 +63,22 @@ TEST(Scenarios, losesNothingWhenAScopeGrowsWhileAProbeIsTakenBack) {
   });
 }
 
-TEST(Scenarios, chargesNothingTwiceWhenExtendedJustBeforeATickOrAfterASleep) {
+TEST(Scenarios, disarmsWhenTheLastClientIsGoneHoweverItWent) {
   underSchedules([](Scenario& scenario) {
     auto& machine = scenario.machine;
-    (void)scenario.activate(600);
-    machine.advance(10.999);
-    const auto extendTo = [&](double secondsFromNow) {
-      const auto answer = scenario.expect(
-          machine.client()->extend({core::ProjectedEndTime{machine.now() + secondsFromNow}}));
-      ASSERT_NE(answer.active(), nullptr);
-      EXPECT_NEAR(answer.active()->remainingDuration, secondsFromNow, 0.002);
-    };
-    extendTo(1'000);
-    machine.advance(5);
-    EXPECT_NEAR(machine.status().active()->remainingDuration, 995, 1.01);
-    EXPECT_GE(machine.status().active()->remainingDuration, 995 - 0.01);
-
-    machine.sleep(300);  // before any tick has seen it
-    extendTo(1'500);
-    machine.advance(5);
-    EXPECT_GE(machine.status().active()->remainingDuration, 1'495 - 0.01)
-        << "the sleep was charged to the extension";
-    EXPECT_LE(machine.status().active()->remainingDuration, 1'496.01);
+    (void)scenario.expect(machine.client(0)->announceUserInterface());
+    machine.executor().runReady();
+    EXPECT_TRUE(machine.kernel.isArmed) << "a user interface is there";
+    const auto second = begin(machine, machine.client(1)->announceUserInterface());
+    const auto steps = machine.executor().random()() % 40;
+    for (std::uint64_t step = 0; step < steps; ++step) (void)machine.executor().step();
+    machine.endpoint()->interruptAll();
+    machine.executor().runReady();
+    // It may have connected only behind that.
+    machine.client(1)->invalidate();
+    machine.advance(60);
+    EXPECT_TRUE(second->has_value());
+    EXPECT_FALSE(machine.kernel.isArmed) << "somebody who is gone keeps the filter armed";
   });
 }
 
@@ -179,33 +120,6 @@ TEST(Scenarios, leavesNoObserverBehindWhenAConnectionEndsWhileItSubscribes) {
   });
 }
 
-TEST(Scenarios, goesOnAndRecoversWhenBothStoresFail) {
-  underSchedules([](Scenario& scenario) {
-    auto& machine = scenario.machine;
-    (void)scenario.activate(3'000);
-    machine.disk.isFull = true;
-    const auto grown = scenario.expect(machine.client()->strengthen(
-        ipc::ScopeAddition::websites{Scenario::sites({"second.example"})}));
-    EXPECT_EQ(grown.active()->scopeGeneration, 2) << "the change holds in memory";
-    machine.executor().runReady();
-    EXPECT_EQ(machine.status().enforcement,
-              EnforcementHealthStatus::degraded{DegradedReason::recoveringFromCorruption});
-    machine.advance(100);
-    EXPECT_FALSE(scenario.isHealthy());
-    const int failures = machine.disk.failures;
-    machine.advance(100);
-    EXPECT_LE(machine.disk.failures - failures, 20) << "retries come from the back-off alone";
-
-    machine.disk.isFull = false;
-    machine.advance(310);
-    EXPECT_TRUE(scenario.isHealthy());
-    EXPECT_TRUE(scenario.isBlocking("second.example"));
-    machine.losePower(60);
-    machine.startDaemon();
-    EXPECT_EQ(machine.status().active()->scopeGeneration, 2);
-  });
-}
-
 TEST(Scenarios, doesNotTakeASuccessThatAFaultCrossedForHealth) {
   underSchedules([](Scenario& scenario) {
     auto& machine = scenario.machine;
@@ -224,26 +138,6 @@ TEST(Scenarios, doesNotTakeASuccessThatAFaultCrossedForHealth) {
     EXPECT_FALSE(scenario.isHealthy()) << "what was seen is older than the fault";
     machine.advance(30);
     EXPECT_TRUE(scenario.isHealthy());
-  });
-}
-
-TEST(Scenarios, adoptsACheckpointThatCouldNotBeReadForAWhile) {
-  underSchedules([](Scenario& scenario) {
-    auto& machine = scenario.machine;
-    const auto before = scenario.activate(3'000);
-    machine.killDaemon();
-    machine.disk.isUnreadable = true;
-    machine.startDaemon();
-    EXPECT_EQ(machine.status().active(), nullptr);
-    EXPECT_EQ(machine.status().enforcement,
-              EnforcementHealthStatus::degraded{DegradedReason::failedOpen});
-    machine.advance(20);
-    machine.disk.isUnreadable = false;
-    machine.advance(60);
-    const auto status = machine.status();
-    ASSERT_NE(status.active(), nullptr) << "the good checkpoint was buried";
-    EXPECT_EQ(status.active()->activatedAt, before.active()->activatedAt);
-    EXPECT_TRUE(scenario.isBlocking("first.example"));
   });
 }
 
@@ -284,19 +178,6 @@ TEST(Scenarios, isNeverHealthyAfterAStartWithoutAFilter) {
   }
 }
 
-TEST(Scenarios, endsACommitmentByItselfAndLiftsTheBlock) {
-  underSchedules([](Scenario& scenario) {
-    auto& machine = scenario.machine;
-    (void)scenario.activate(90);
-    machine.advance(89);
-    EXPECT_TRUE(scenario.isBlocking("first.example"));
-    machine.advance(3);
-    EXPECT_EQ(machine.status().active(), nullptr);
-    EXPECT_FALSE(scenario.isBlocking("first.example"));
-    EXPECT_FALSE(machine.kernel.isArmed);
-  });
-}
-
 TEST(Scenarios, leavesNothingRunningWhenEverythingIsLetGo) {
   for (std::uint64_t seed = 1; seed <= schedules; ++seed) {
     SCOPED_TRACE(seed);
@@ -312,6 +193,29 @@ TEST(Scenarios, leavesNothingRunningWhenEverythingIsLetGo) {
     machine.executor().advance(std::chrono::hours(1));
     EXPECT_EQ(machine.executor().sleeperCount(), 0U) << "a loop outlived its owner";
   }
+}
+
+TEST(Scenarios, provesNothingWhileAnArmedFilterDropsNothing) {
+  underSchedules([](Scenario& scenario) {
+    auto& machine = scenario.machine;
+    machine.kernel.dropsNothing = true;
+    const auto status = scenario.expect(machine.client()->validateEnforcement());
+    EXPECT_EQ(status.readiness.validation,
+              EnforcementValidation(EnforcementValidation::failed{
+                  core::EnforcementValidationFailure::connectionNotDropped}));
+    const Result refused = scenario.run(machine.client()->activate(Scenario::activation(600)));
+    EXPECT_FALSE(refused.has_value());
+
+    machine.kernel.dropsNothing = false;
+    (void)scenario.activate(600);
+    machine.kernel.dropsNothing = true;
+    machine.changeNetwork({.isSatisfied = true, .usesVPN = false, .interfaces = {"wlan0"}});
+    machine.advance(10);
+    EXPECT_FALSE(scenario.isHealthy()) << "nobody looked when the network changed";
+    machine.kernel.dropsNothing = false;
+    machine.advance(60);
+    EXPECT_TRUE(scenario.isHealthy());
+  });
 }
 
 }  // namespace

@@ -62,26 +62,27 @@ void Promises::sendsExtension() {
 
 void Promises::sendsAcknowledgement() { changeIsSent(); }
 
-void Promises::acknowledgedActivation(const Request& request, const ipc::DaemonStatus& status) {
+void Promises::acknowledgedActivation(const Exchange& exchange, const ipc::DaemonStatus& status) {
   const auto* const active = status.active();
   ASSERT_NE(active, nullptr) << "an activation was answered without a Commitment";
   ASSERT_TRUE(machine_.lastProof) << "activated although nothing was ever proven";
   // Where the clock was set meanwhile nobody can say how old the proof looked.
   if (machine_.lastProof->clockSettings == machine_.clockSettings()) {
-    EXPECT_LE(request.sentAt - machine_.lastProof->seenAt,
+    EXPECT_LE(exchange.request.sentAt - machine_.lastProof->seenAt,
               ipc::EnforcementReadinessReport::validationAgeMaxSeconds + epsilon)
         << "activated although the proof is old";
   }
   EXPECT_EQ(active->scopeGeneration, 1);
   Known known = knownFrom(*active);
   // All of the duration is served, and up to a second that began without the Commitment besides.
-  known.endsNotBefore = request.countedSeconds + active->remainingDuration;
+  known.endsNotBefore = exchange.request.countedSeconds + active->remainingDuration;
   known.endsNotAfter += tick;
   running_ = known;
-  saved(request, known);
+  saved(exchange, known);
 }
 
-void Promises::acknowledgedStrengthening(const Request& request, const ipc::DaemonStatus& status) {
+void Promises::acknowledgedStrengthening(const Exchange& exchange,
+                                         const ipc::DaemonStatus& status) {
   const auto* const active = status.active();
   ASSERT_NE(active, nullptr) << "a strengthening was answered without a Commitment";
   Known known = knownFrom(*active);
@@ -95,10 +96,10 @@ void Promises::acknowledgedStrengthening(const Request& request, const ipc::Daem
       running_->scope = active->scope;
     }
   }
-  saved(request, known);
+  saved(exchange, known);
 }
 
-void Promises::acknowledgedExtension(const Request& request, const ipc::DaemonStatus& status) {
+void Promises::acknowledgedExtension(const Exchange& exchange, const ipc::DaemonStatus& status) {
   const auto* const active = status.active();
   ASSERT_NE(active, nullptr) << "an extension was answered without a Commitment";
   EXPECT_LE(active->projectedEndTime.date - active->activatedAt, 86'400 + epsilon)
@@ -106,12 +107,12 @@ void Promises::acknowledgedExtension(const Request& request, const ipc::DaemonSt
   Known known = knownFrom(*active);
   // From the moment of sending: it cannot have been ruled on earlier. Everything until the ruling
   // was charged before it, but for a tenth of a second.
-  known.endsNotBefore = request.countedSeconds + active->remainingDuration - 0.1;
+  known.endsNotBefore = exchange.request.countedSeconds + active->remainingDuration - 0.1;
   if (running_ && running_->activatedAt == active->activatedAt) {
     running_->endsNotBefore = std::max(running_->endsNotBefore, known.endsNotBefore);
     running_->endsNotAfter = std::max(running_->endsNotAfter, known.endsNotAfter);
   }
-  saved(request, known);
+  saved(exchange, known);
 }
 
 /// What is known as of now from a status: nothing about when it ends at the earliest.
@@ -125,8 +126,9 @@ Promises::Known Promises::knownFrom(const ipc::ActiveCommitmentStatus& active) c
           .since = machine_.countedNow()};
 }
 
-void Promises::saved(const Request& request, const Known& known) {
-  if (machine_.disk.failures != request.diskFailures) return;
+void Promises::saved(const Exchange& exchange, const Known& known) {
+  // A failure behind the answer is no excuse: by then everything had to be on the disk.
+  if (exchange.diskFailures != exchange.request.diskFailures) return;
   if (!durable_ || durable_->activatedAt != known.activatedAt) {
     durable_ = known;
     return;
@@ -210,6 +212,7 @@ void Promises::compare(const Known& promised, const ipc::ActiveCommitmentStatus&
 
 void Promises::check() {
   const ipc::DaemonStatus status = machine_.status();
+  EXPECT_FALSE(machine_.hasToldTooEarly()) << "told before it was saved";
   checkHiddenCommitment(status);
   checkCommitment(status);
   checkExpiry(status);
@@ -292,6 +295,7 @@ void Promises::checkDirective(const ipc::DaemonStatus& status) const {
 
 void Promises::checkHealth(const ipc::DaemonStatus& status) const {
   if (!isHealthy(status)) return;
+  EXPECT_FALSE(machine_.scopeIsUncertain()) << "healthy although the filter may not know the Scope";
   if (!machine_.isQuiet() || machine_.secondsSincePathChanged() < noticeSeconds) return;
   EXPECT_TRUE(machine_.kernel.filterIsPresent) << "healthy without a filter";
   if (status.active() == nullptr || machine_.kernel.lostRulesInSilence) return;

@@ -28,6 +28,11 @@ class Promises {
     int clockSettings = 0;
   };
   [[nodiscard]] Request request() const;
+  /// A request that has been answered.
+  struct Exchange {
+    Request request;
+    int diskFailures = 0;  ///< when the answer came
+  };
 
   /// A client sends a request; nobody knows yet what will become of it, and if its connection ends
   /// nobody ever will.
@@ -37,9 +42,9 @@ class Promises {
   void sendsAcknowledgement();
 
   /// A client got this answer to a request that changes the Commitment.
-  void acknowledgedActivation(const Request& request, const ipc::DaemonStatus& status);
-  void acknowledgedStrengthening(const Request& request, const ipc::DaemonStatus& status);
-  void acknowledgedExtension(const Request& request, const ipc::DaemonStatus& status);
+  void acknowledgedActivation(const Exchange& exchange, const ipc::DaemonStatus& status);
+  void acknowledgedStrengthening(const Exchange& exchange, const ipc::DaemonStatus& status);
+  void acknowledgedExtension(const Exchange& exchange, const ipc::DaemonStatus& status);
 
   /// Before the machine sleeps for so long.
   void machineSleeps(double seconds);
@@ -78,7 +83,7 @@ class Promises {
   };
 
   void changeIsSent();
-  void saved(const Request& request, const Known& known);
+  void saved(const Exchange& exchange, const Known& known);
   [[nodiscard]] Known knownFrom(const ipc::ActiveCommitmentStatus& active) const;
   void compare(const Known& promised, const ipc::ActiveCommitmentStatus& found,
                const std::string& what) const;

@@ -198,7 +198,13 @@ void RandomLife::callOther(const SimulatedMachine::Client& client,
 void RandomLife::note(Kind kind, const Promises::Request& request, concurrency::Task<Result> task) {
   constexpr const char* names[] = {"activate", "strengthen", "extend", "acknowledge", "other"};
   tell(std::string("a client asks: ") + names[static_cast<std::size_t>(kind)]);
-  calls_.push_back({kind, request, begin(machine_, std::move(task))});
+  calls_.push_back({kind, request, begin(machine_, dated(&machine_, std::move(task)))});
+}
+
+concurrency::Task<RandomLife::Answer> RandomLife::dated(SimulatedMachine* machine,
+                                                        concurrency::Task<Result> task) {
+  Result result = co_await std::move(task);
+  co_return Answer{std::move(result), machine->disk.failures};
 }
 
 /// As a user begins: a validation, and once it is there the Commitment.
@@ -264,10 +270,13 @@ void RandomLife::restart() {
     call(oneIn(2) ? Kind::strengthen : Kind::extend);
     machine_.disk.callsUntilDeath = static_cast<int>(upTo(20));
     machine_.executor().runReady(stepsMax);
+  } else if (oneIn(2)) {
+    // At any moment, behind an answer perhaps that has just come.
+    call(oneIn(2) ? Kind::strengthen : Kind::extend);
+    takeSteps(60);
   }
   collect();
   promises_.processEnds();
-  if (machine_.status().active() != nullptr) ++coverage_.restartsWithCommitment;
   const bool isKilled = oneIn(2);
   tell(isKilled ? "kill -9" : "a power cut");
   if (isKilled) {
@@ -281,6 +290,11 @@ void RandomLife::restart() {
   machine_.disk.isUnreadable = oneIn(6);
   startDaemon();
   promises_.processBegan();
+  if (machine_.status().active() != nullptr) ++coverage_.restartsWithCommitment;
+}
+
+void RandomLife::takeSteps(std::uint64_t limit) {
+  for (std::uint64_t steps = upTo(limit); steps > 0; --steps) (void)machine_.executor().step();
 }
 
 void RandomLife::startDaemon() {
@@ -292,7 +306,7 @@ void RandomLife::startDaemon() {
 /// Now and then things happen in the middle of others.
 void RandomLife::settleSometimes() {
   if (oneIn(3)) {
-    for (std::uint64_t steps = upTo(60); steps > 0; --steps) (void)machine_.executor().step();
+    takeSteps(60);
     collect();
     return;
   }
@@ -325,7 +339,8 @@ void RandomLife::collect() {
       waiting.push_back(std::move(call));
       continue;
     }
-    const Result& result = **call.answer;
+    const Result& result = (*call.answer)->result;
+    const Promises::Exchange exchange{call.request, (*call.answer)->diskFailures};
     if (!result) {
       tell("refused: " + ipc::description(result.error()));
       ++coverage_.failedCalls;
@@ -334,15 +349,15 @@ void RandomLife::collect() {
     switch (call.kind) {
       case Kind::activate:
         ++coverage_.activations;
-        promises_.acknowledgedActivation(call.request, *result);
+        promises_.acknowledgedActivation(exchange, *result);
         break;
       case Kind::strengthen:
         ++coverage_.strengthenings;
-        promises_.acknowledgedStrengthening(call.request, *result);
+        promises_.acknowledgedStrengthening(exchange, *result);
         break;
       case Kind::extend:
         ++coverage_.extensions;
-        promises_.acknowledgedExtension(call.request, *result);
+        promises_.acknowledgedExtension(exchange, *result);
         break;
       case Kind::acknowledge:
         ++coverage_.acknowledgements;

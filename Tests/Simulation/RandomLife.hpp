@@ -42,10 +42,14 @@ class RandomLife {
  private:
   using Result = ipc::CommitmentAuthorityClient::Result;
   enum class Kind : std::uint8_t { activate, strengthen, extend, acknowledge, other };
+  struct Answer {
+    Result result;
+    int diskFailures;  ///< when it came
+  };
   struct Call {
     Kind kind;
     Promises::Request request;
-    std::shared_ptr<std::optional<Result>> answer;
+    std::shared_ptr<std::optional<Answer>> answer;
   };
   /// A client that reads a stream of statuses until it ends.
   struct Watch {
@@ -66,6 +70,7 @@ class RandomLife {
   void call(Kind kind);
   void callOther(const SimulatedMachine::Client& client, const Promises::Request& request);
   void note(Kind kind, const Promises::Request& request, concurrency::Task<Result> task);
+  static concurrency::Task<Answer> dated(SimulatedMachine* machine, concurrency::Task<Result> task);
   void commit();
   void watch(const SimulatedMachine::Client& client);
   static concurrency::Task<bool> follow(SimulatedMachine::Client client,
@@ -83,6 +88,7 @@ class RandomLife {
 
   void advance(double seconds);
   void restart();
+  void takeSteps(std::uint64_t limit);
   void startDaemon();
   void settleSometimes();
   void check();

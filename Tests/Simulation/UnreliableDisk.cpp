@@ -9,7 +9,7 @@ bool isOf(const std::string& path, const char* what) { return path.find(what) !=
 }  // namespace
 
 void UnreliableDisk::mend() {
-  isFull = refusesCheckpoints = refusesDirectives = isUnreadable = false;
+  isFull = refusesCheckpoints = refusesDirectives = isUnreadable = hidesCurrent = false;
   callsUntilFailure.reset();
 }
 
@@ -53,7 +53,8 @@ UnreliableDisk::createExclusively(const std::string& path, unsigned mode) {
 
 std::expected<std::optional<std::string>, std::error_code> UnreliableDisk::read(
     const std::string& path, std::size_t bytesMax) {
-  if (isUnreadable && isOf(path, "commitment-checkpoint")) {
+  if ((isUnreadable && isOf(path, "commitment-checkpoint")) ||
+      (hidesCurrent && isOf(path, "commitment-checkpoint.json"))) {
     return std::unexpected(std::make_error_code(std::errc::io_error));
   }
   return medium.read(path, bytesMax);

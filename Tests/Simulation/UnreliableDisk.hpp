@@ -20,6 +20,7 @@ class UnreliableDisk final : public filtering::FileSystem {
   bool refusesCheckpoints = false;  ///< writing calls for the checkpoints fail
   bool refusesDirectives = false;   ///< writing calls for the directive fail
   bool isUnreadable = false;        ///< every reading of a checkpoint fails
+  bool hidesCurrent = false;        ///< every reading of the current checkpoint fails
   /// After so many writing calls one fails, the others do not; none: no call fails for this reason.
   std::optional<int> callsUntilFailure;
   /// After so many writing calls nothing reaches the medium any more, until the process is gone.

@@ -32,7 +32,7 @@ class DeterministicExecutor::VirtualSleeper final : public concurrency::Sleeper 
       end.settle(SleepOutcome::elapsed);
     };
     const auto registration = cancellation.onCancel([owner, wake, end, isGone] {
-      if (*isGone) return;
+      if (*isGone || owner->isEnding_) return;
       *isGone = true;
       owner->sleepers_.erase(wake);
       end.settle(SleepOutcome::cancelled);
@@ -59,6 +59,8 @@ class DeterministicExecutor::InlineBlockingExecutor final : public concurrency::
 DeterministicExecutor::~DeterministicExecutor() {
   // What never became ready is destroyed here, while the context that it refers to still stands.
   // Destroying a task may make another one ready or put one to sleep.
+  // Destroying it may also cancel a sleep, whose place in the table is lost by then.
+  isEnding_ = true;
   const auto dropWork = [this] {
     for (int round = 0; round < 1'000 && !(sleepers_.empty() && ready_.empty()); ++round) {
       const auto sleepers = std::exchange(sleepers_, {});

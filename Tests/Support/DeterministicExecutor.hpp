@@ -132,6 +132,7 @@ class DeterministicExecutor : public boost::asio::execution_context {
   std::vector<std::unique_ptr<Work>> ready_;
   // Woken in order of their moment, then of their arrival.
   std::multimap<std::chrono::nanoseconds, std::function<void()>> sleepers_;
+  bool isEnding_ = false;
 };
 
 }  // namespace stillow::test
