@@ -1,3 +1,4 @@
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <future>
@@ -6,6 +7,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -124,6 +126,36 @@ TEST(FilterProcessWatch, doesNotCountTheLaterEndOfAProcessThatAnotherReplaced) {
   observing.watch->follow(pinned(third));
   third.kill();
   EXPECT_EQ(observing.next()->filterEndings, 2U);
+}
+
+// Timers that expire just as they are closed must not be taken for the end of a process.
+TEST(FilterProcessWatch, takesNoEventOfAnotherDescriptorForTheEndOfItsProcess) {
+  // They end only when nobody can hear of it any more.
+  auto first = sleeping();
+  auto second = sleeping();
+  std::atomic<int> endings = 0;
+  boost::asio::thread_pool pool(4);
+  {
+    FilterProcessWatch watch(pool.get_executor(), [&endings] { ++endings; });
+    const auto sleeper = std::make_shared<BoottimeSleeper>(pool.get_executor());
+    constexpr int rounds = 1'500;
+    constexpr int sleepsOfARound = 16;
+    for (int round = 0; round < rounds; ++round) {
+      const concurrency::Cancellation end;
+      std::vector<std::future<concurrency::SleepOutcome>> sleeps;
+      for (int index = 0; index < sleepsOfARound; ++index) {
+        sleeps.push_back(boost::asio::co_spawn(
+            pool, sleeper->sleep(std::chrono::microseconds((round * 37 + index * 23) % 300), end),
+            boost::asio::use_future));
+        // Each takes a descriptor up that was closed a moment ago.
+        if (index % 2 == 0) watch.follow(pinned(index % 4 == 0 ? first : second));
+      }
+      end.cancel();
+      for (auto& sleep : sleeps) (void)sleep.get();
+    }
+  }
+  pool.join();
+  EXPECT_EQ(endings, 0);
 }
 
 TEST(SystemFilterPathObserver, tellsWhenSomebodyOpensTheDirectiveWhileNoFilterRuns) {
