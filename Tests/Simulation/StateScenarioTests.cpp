@@ -97,6 +97,31 @@ TEST(Scenarios, goesOnAndRecoversWhenBothStoresFail) {
   });
 }
 
+TEST(Scenarios, isNotHealthyWhileOnlyTheCheckpointsCannotBeWritten) {
+  underSchedules([](Scenario& scenario) {
+    auto& machine = scenario.machine;
+    (void)scenario.activate(3'000);
+    machine.disk.refusesCheckpoints = true;
+    (void)scenario.expect(machine.client()->strengthen(
+        ipc::ScopeAddition::websites{Scenario::sites({"second.example"})}));
+    machine.executor().runReady();
+    EXPECT_EQ(machine.status().enforcement,
+              EnforcementHealthStatus::degraded{DegradedReason::recoveringFromCorruption});
+    EXPECT_TRUE(scenario.isBlocking("second.example")) << "the directive could be written";
+    for (int look = 0; look < 20; ++look) {
+      machine.advance(5);
+      EXPECT_FALSE(scenario.isHealthy()) << "a crash would lose the second site";
+    }
+    machine.disk.mend();
+    machine.advance(310);
+    EXPECT_TRUE(scenario.isHealthy());
+    machine.losePower(60);
+    machine.startDaemon();
+    ASSERT_NE(machine.status().active(), nullptr);
+    EXPECT_EQ(machine.status().active()->scopeGeneration, 2);
+  });
+}
+
 TEST(Scenarios, adoptsACheckpointThatCouldNotBeReadForAWhile) {
   underSchedules([](Scenario& scenario) {
     auto& machine = scenario.machine;
