@@ -67,9 +67,9 @@ def main(machine):
 
     step("It can be strengthened and extended, but not ended.")
     visit(machine, ADDED, blocked=False)
-    stillow(machine, "add", ADDED)
+    stillow(machine, "add", "--yes", ADDED)
     visit(machine, ADDED, blocked=True)
-    stillow(machine, "extend", "--by", "5s")
+    stillow(machine, "extend", "--yes", "--by", "5s")
 
     step("kill -9 of the daemon changes nothing.")
     before = machine.active()

@@ -132,34 +132,125 @@ ipc::DaemonStatus activeStatus(Date now, double elapsed, double remaining) {
       .readiness = {}};
 }
 
+TextStyle wide() {
+  TextStyle style;
+  style.showsBar = true;
+  return style;
+}
+
 TEST(StatusText, tellsWhatIsBlockedAndForHowLong) {
   ASSERT_EQ(setenv("TZ", "UTC", 1), 0);
   tzset();
   const Date now{816'458'820};
-  EXPECT_EQ(statusText(activeStatus(now, 1'800, 1'800), true),
+  EXPECT_EQ(statusText(activeStatus(now, 1'800, 1'800), wide()),
             "A Commitment is active for another 30 min 0 s, until about 18:37:00.\n"
             "  ███████████████░░░░░░░░░░░░░░░  30 min 0 s\n"
             "  Blocked: a.com, b.com\n"
             "Blocking is in force.\n");
-  EXPECT_FALSE(statusText(activeStatus(now, 0, 60), false).contains("█"));
+  EXPECT_FALSE(statusText(activeStatus(now, 0, 60), {}).contains("█"));
+}
+
+TEST(StatusText, fitsNarrowTerminals) {
+  const Date now{816'458'820};
+  for (const std::size_t columns : {80U, 60U, 40U}) {
+    TextStyle style = wide();
+    style.columns = columns;
+    style.hasColour = true;
+    std::string text = statusText(activeStatus(now, 1'800, 1'800), style);
+    for (const std::string& line : liveLines(activeStatus(now, 0, 7'000), now, true, style)) {
+      text += line + "\n";
+    }
+    for (std::size_t at = 0; at < text.size();) {
+      const std::size_t end = text.find('\n', at);
+      const std::string line = text.substr(at, end - at);
+      EXPECT_LE(displayWidth(line), columns) << line;
+      at = end + 1;
+    }
+  }
 }
 
 TEST(StatusText, tellsOfIdleExpiredAndEveryFault) {
   using core::DegradedReason;
   ipc::DaemonStatus status;
-  EXPECT_EQ(statusText(status, true), "No Commitment is active.\n");
+  EXPECT_EQ(statusText(status, wide()), "No Commitment is active.\n");
   status.enforcement = core::EnforcementHealthStatus::degraded{DegradedReason::failedOpen};
-  EXPECT_TRUE(statusText(status, true).contains("Nothing is being blocked at the moment"));
+  EXPECT_TRUE(statusText(status, wide()).contains("Nothing is being blocked at the moment"));
   status.commitment = ipc::CommitmentStatus::expired{status.observedAt};
-  EXPECT_TRUE(statusText(status, true).starts_with("The Commitment ended at "));
+  EXPECT_TRUE(statusText(status, wide()).starts_with("The Commitment ended at "));
 }
 
-TEST(StatusText, projectsTheRemainderBetweenTwoStatuses) {
+TEST(StatusText, showsNothingThatSteersTheTerminal) {
+  ipc::DaemonStatus status = activeStatus(Date{816'458'820}, 0, 60);
+  auto active = *status.active();
+  active.scope =
+      core::DomainSet::of({*core::Domain::make("a\x1b"
+                                               "c.com")});
+  status.commitment = ipc::CommitmentStatus::active{active};
+  const std::string text = statusText(status, {});
+  EXPECT_FALSE(text.contains('\x1b'));
+  EXPECT_TRUE(text.contains("a\uFFFDc.com"));
+}
+
+TEST(LiveLines, projectTheRemainderBetweenTwoStatuses) {
   const Date now{816'458'820};
   const auto status = activeStatus(now, 0, 60);
-  EXPECT_TRUE(statusLine(status, now + 20).contains("  40 s  2 sites  "));
-  EXPECT_TRUE(statusLine(status, now + 100).contains("  0 s  2 sites  "));
-  EXPECT_TRUE(statusLine(status, now + -50).contains("  1 min 0 s  2 sites  "));
+  const auto bar = [&](Date moment) { return liveLines(status, moment, true, wide()).front(); };
+  EXPECT_TRUE(bar(now + 20).ends_with("  40 s left"));
+  EXPECT_TRUE(bar(now + 100).ends_with("  0 s left"));
+  EXPECT_TRUE(bar(now + -50).ends_with("  1 min 0 s left"));
+}
+
+TEST(LiveLines, sayThatTheDaemonIsGone) {
+  const Date now{816'458'820};
+  const auto lines = liveLines(activeStatus(now, 0, 60), now, false, wide());
+  EXPECT_EQ(lines.back(), "  The daemon is gone; waiting for it to come back.");
+}
+
+TEST(Changes, areToldInWords) {
+  ASSERT_EQ(setenv("TZ", "UTC", 1), 0);
+  tzset();
+  using Sentences = std::vector<std::string>;
+  const Date now{816'458'820};
+  const ipc::DaemonStatus before = activeStatus(now, 100, 600);
+  const auto after = [&](auto change) {
+    ipc::DaemonStatus status = before;
+    status.observedAt = now + 10;
+    ipc::ActiveCommitmentStatus active = *before.active();
+    active.remainingDuration = 590;
+    change(active, status);
+    status.commitment = ipc::CommitmentStatus::active{active};
+    return changesBetween(before, status);
+  };
+  EXPECT_EQ(after([](auto&, auto&) {}), Sentences{}) << "time passed as it should";
+  EXPECT_EQ(after([](auto& active, auto&) {
+              active.scope = active.scope.united({*core::Domain::make("c.com")});
+            }),
+            Sentences{"Added: c.com."});
+  EXPECT_EQ(after([](auto& active, auto&) {
+              active.remainingDuration += 600;
+              active.projectedEndTime.date = active.projectedEndTime.date + 600;
+            }),
+            Sentences{"Extended: it ends at about 18:27:00 now."});
+  EXPECT_EQ(after([](auto& active, auto&) {
+              active.projectedEndTime.date = active.projectedEndTime.date + 5;
+            }),
+            Sentences{"It ends at about 18:17:05 now."})
+      << "the machine was off for a moment";
+  EXPECT_EQ(after([](auto&, auto& status) {
+              status.enforcement =
+                  core::EnforcementHealthStatus::degraded{core::DegradedReason::failedOpen};
+            }),
+            Sentences{"Nothing is being blocked at the moment; it is being repaired."});
+
+  ipc::DaemonStatus ended = before;
+  ended.commitment = ipc::CommitmentStatus::expired{now};
+  EXPECT_EQ(changesBetween(before, ended),
+            Sentences{"The Commitment has ended. Clear this with: stillow acknowledge"});
+  EXPECT_EQ(changesBetween(ended, before),
+            Sentences{"A Commitment has started: a.com, b.com, until about 18:17:00."});
+  ipc::DaemonStatus idle = before;
+  idle.commitment = ipc::CommitmentStatus::idle{};
+  EXPECT_EQ(changesBetween(ended, idle), Sentences{"No Commitment is active any more."});
 }
 
 }  // namespace

@@ -1,17 +1,17 @@
 #include "StillowClient/Commands.hpp"
 
-#include <chrono>
-#include <istream>
+#include <algorithm>
+#include <iterator>
 #include <ostream>
 #include <utility>
 
+#include "StillowClient/Confirmation.hpp"
+#include "StillowClient/Explanation.hpp"
+#include "StillowClient/RefusalText.hpp"
 #include "StillowClient/StatusText.hpp"
 #include "StillowClient/TimeText.hpp"
-#include "StillowConcurrency/Channel.hpp"
-#include "StillowConcurrency/Deadline.hpp"
 #include "StillowCore/ActivationBoundary.hpp"
 #include "StillowCore/Coding.hpp"
-#include "StillowIPC/DaemonError.hpp"
 #include "StillowIPC/Requests.hpp"
 
 namespace stillow::client {
@@ -23,174 +23,273 @@ using Result = ipc::CommitmentAuthorityClient::Result;
 
 namespace {
 
-std::vector<core::Domain> domainsOf(const std::vector<TypedSite>& sites) {
-  std::vector<core::Domain> domains;
-  domains.reserve(sites.size());
-  for (const TypedSite& site : sites) domains.push_back(site.domain);
-  return domains;
+/// Every record that is shown came out of JSON or is made of strings: it has a JSON form.
+template <class Record>
+std::string json(const Record& record) {
+  return core::encode(record).value_or("");
 }
 
-bool isUnreachable(const DaemonError& error) {
-  return core::is<DaemonError::daemonUnavailable>(error) ||
-         core::is<DaemonError::daemonDidNotAnswer>(error) ||
-         core::is<DaemonError::notAuthorized>(error);
+std::vector<TypedSite> sitesOf(const core::DomainSet& scope) {
+  std::vector<TypedSite> sites;
+  sites.reserve(scope.size());
+  for (const core::Domain& domain : scope) sites.push_back({domain, ""});
+  return sites;
 }
+
+/// What the daemon is asked for: by name where only names were typed.
+ipc::ScopeAddition additionOf(Selection selection) {
+  if (selection.usesCollection) {
+    return ipc::ScopeAddition::selection{std::move(selection.selected),
+                                         std::move(selection.collectionSnapshot)};
+  }
+  std::vector<core::Domain> domains;
+  domains.reserve(selection.sites.size());
+  for (TypedSite& site : selection.sites) domains.push_back(std::move(site.domain));
+  return ipc::ScopeAddition::websites{core::DomainSet::of(std::move(domains))};
+}
+
+/// Why the end cannot be moved to `end`, as far as that is clear without the daemon, in its words.
+std::optional<DaemonError> refusalOfExtension(const ipc::ActiveCommitmentStatus* active,
+                                              core::Date end, core::Date now) {
+  if (active == nullptr) return DaemonError::noActiveCommitment{};
+  if (!(end > active->projectedEndTime.date)) {
+    return DaemonError::extensionDoesNotStrengthen{active->projectedEndTime};
+  }
+  // The daemon's limit lies 24 hours past the activation. Should the clock have been set back
+  // behind that, it would allow more than a day from now; nobody means that.
+  if (!(end <= active->latestPermittedEndTime) ||
+      !(end <= now + core::ActivationBoundary::spanSeconds)) {
+    return DaemonError::extensionExceedsActivationBoundary{active->latestPermittedEndTime};
+  }
+  return std::nullopt;
+}
+
+/// More refusals than that tell a reader nothing new.
+constexpr std::size_t refusalsShown = 20;
 
 }  // namespace
 
+ExitStatus Commands::refuse(const std::vector<std::string>& sentences, ExitStatus status) const {
+  tellRefusals(sentences, console_);
+  return status;
+}
+
+void tellRefusals(const std::vector<std::string>& sentences, const Console& console) {
+  for (std::size_t index = 0; index < std::min(sentences.size(), refusalsShown); ++index) {
+    console.tell(sentences[index]);
+  }
+  if (sentences.size() > refusalsShown) {
+    console.tell("And " + std::to_string(sentences.size() - refusalsShown) + " more.");
+  }
+}
+
 ExitStatus Commands::report(const DaemonError& error) const {
-  console_.err << ipc::description(error) << '\n' << std::flush;
-  return isUnreachable(error) ? ExitStatus::unreachable : ExitStatus::refused;
+  std::string text;
+  if (isUnreachable(error) && with_.explainUnreachable) text = with_.explainUnreachable(error);
+  console_.tell(text.empty() ? refusalText(error, with_.clock()) : text);
+  return exitStatusOf(error);
 }
 
-void Commands::show(const DaemonStatus& status, bool asJSON) const {
-  if (asJSON) {
-    // A status that came out of JSON has a JSON form.
-    console_.out << core::encode(status).value_or("") << '\n' << std::flush;
+bool Commands::isAgreed(const Promise& promise, CommandOptions options) const {
+  if (options.isConfirmed) return true;
+  if (!confirm(promise, console_)) return false;
+  // While somebody thought, nobody looked at the connection: the daemon may be another one by now.
+  with_.daemon->invalidate();
+  return true;
+}
+
+void Commands::show(const DaemonStatus& status, CommandOptions options) const {
+  if (options.asJSON) {
+    console_.print(json(status));
   } else {
-    console_.out << statusText(status, console_.isTerminal) << std::flush;
+    console_.out << statusText(status, console_.outStyle()) << std::flush;
   }
 }
 
-bool Commands::confirm(const std::vector<TypedSite>& sites,
-                       core::CommitmentDuration duration) const {
-  const core::Date now = with_.clock();
-  std::ostream& err = console_.err;
-  err << "This blocks, for " << durationText(duration.seconds()) << ", until about "
-      << momentText(now + duration.seconds(), now) << ":\n";
-  for (const TypedSite& site : sites) {
-    err << "  " << site.domain.name();
-    if (!site.note.empty()) err << "  (" << site.note << ")";
-    err << '\n';
+std::expected<Commands::Length, std::string> Commands::understandLength(
+    const EndRequest& end) const {
+  if (end.duration.empty() == end.until.empty()) {
+    return std::unexpected("Say how long: --for 2h, or --until 18:00.");
   }
-  err << "Nobody can end it early, you included; it can only be extended, by "
-      << momentText(now + core::ActivationBoundary::spanSeconds, now)
-      << " at the latest, and sites can be added.\n"
-         "Time asleep counts; time while this machine is shut down does not, so the end can move "
-         "later.\n"
-         "Start it? Type yes: "
-      << std::flush;
-  std::string answer;
-  std::getline(console_.in, answer);
-  return answer == "yes";
+  if (!end.until.empty()) {
+    const auto moment = parseEndTime(end.until, with_.clock(), with_.offset);
+    if (!moment) return std::unexpected(moment.error());
+    return Length(*moment);
+  }
+  const auto duration = parseDuration(end.duration);
+  if (!duration) return std::unexpected(duration.error());
+  return Length(*duration);
 }
 
-Task<ExitStatus> Commands::start(std::vector<TypedSite> sites, core::CommitmentDuration duration,
-                                 bool isConfirmed) {
-  if (!isConfirmed && !confirm(sites, duration)) {
-    console_.err << "Nothing was started.\n" << std::flush;
-    co_return ExitStatus::declined;
+Task<ExitStatus> Commands::start(SelectionWords words, EndRequest end, CommandOptions options) {
+  const auto length = understandLength(end);
+  if (!length) co_return refuse({length.error()});
+  auto selection = understandSelection(words, with_.normalizer(), with_.readCollection);
+  if (!selection) co_return refuse(selection.error().sentences, selection.error().status);
+
+  const Result before = co_await with_.daemon->status();
+  if (!before) co_return report(before.error());
+  if (const ipc::ActiveCommitmentStatus* const active = before->active()) {
+    co_return report(DaemonError::commitmentAlreadyActive{*active});
   }
+  const auto endFrom = [&](core::Date now) {
+    const auto* const duration = std::get_if<core::CommitmentDuration>(&*length);
+    return duration != nullptr ? now + duration->seconds() : std::get<core::Date>(*length);
+  };
+  const core::Date asked = with_.clock();
+  const Promise promise{.step = Promise::Step::start,
+                        .sites = std::move(selection->sites),
+                        .now = asked,
+                        .end = endFrom(asked),
+                        .latestEnd = asked + core::ActivationBoundary::spanSeconds};
+  if (!isAgreed(promise, options)) co_return ExitStatus::declined;
+
   const Result announced = co_await with_.daemon->announceUserInterface();
   if (!announced) co_return report(announced.error());
-  console_.err << "Testing that the filter really blocks …\n" << std::flush;
+  console_.tell("Testing that the filter really blocks …");
   const Result validated = co_await with_.daemon->validateEnforcement();
   if (!validated) co_return report(validated.error());
 
-  std::vector<core::Website> websites;
-  for (core::Domain& domain : domainsOf(sites)) websites.push_back({std::move(domain), {}});
-  ipc::ActivationRequest request{core::CommitmentSelection::allWebsites{}, std::move(websites),
-                                 duration};
+  const core::Date now = with_.clock();
+  const auto duration = core::CommitmentDuration::fromSeconds(endFrom(now) - now);
+  if (!duration) {
+    co_return refuse({quoted(end.until) + " has passed meanwhile, so nothing was started."});
+  }
+  ipc::ActivationRequest request{std::move(selection->selected),
+                                 std::move(selection->collectionSnapshot), *duration};
   const Result activated = co_await with_.daemon->activate(std::move(request));
   if (!activated) co_return report(activated.error());
-  show(*activated, false);
+  show(*activated, options);
   co_return ExitStatus::success;
 }
 
-Task<ExitStatus> Commands::add(std::vector<TypedSite> sites) {
-  ipc::ScopeAddition addition = ipc::ScopeAddition::websites{core::DomainSet::of(domainsOf(sites))};
-  const Result strengthened = co_await with_.daemon->strengthen(std::move(addition));
+Promise Commands::promiseToAdd(const ipc::ActiveCommitmentStatus& active,
+                               const std::vector<TypedSite>& sites) const {
+  Promise promise{.step = Promise::Step::add,
+                  .sites = {},
+                  .now = with_.clock(),
+                  .end = active.projectedEndTime.date,
+                  .latestEnd = active.latestPermittedEndTime};
+  std::ranges::copy_if(sites, std::back_inserter(promise.sites),
+                       [&](const TypedSite& site) { return !active.scope.contains(site.domain); });
+  return promise;
+}
+
+Task<ExitStatus> Commands::add(SelectionWords words, CommandOptions options) {
+  auto selection = understandSelection(words, with_.normalizer(), with_.readCollection);
+  if (!selection) co_return refuse(selection.error().sentences, selection.error().status);
+  if (!options.isConfirmed) {
+    const Result before = co_await with_.daemon->status();
+    if (!before) co_return report(before.error());
+    const ipc::ActiveCommitmentStatus* const active = before->active();
+    if (active == nullptr) {
+      co_return report(DaemonError::noActiveCommitment{});
+    }
+    const Promise promise = promiseToAdd(*active, selection->sites);
+    if (promise.sites.empty()) {
+      co_return report(DaemonError::strengtheningAddsNoWebsites{});
+    }
+    if (!isAgreed(promise, options)) co_return ExitStatus::declined;
+  }
+  const Result strengthened = co_await with_.daemon->strengthen(additionOf(std::move(*selection)));
   if (!strengthened) co_return report(strengthened.error());
-  show(*strengthened, false);
+  show(*strengthened, options);
   co_return ExitStatus::success;
 }
 
-Task<ExitStatus> Commands::extend(double seconds) {
+Task<ExitStatus> Commands::extend(EndRequest request, CommandOptions options) {
+  if (request.duration.empty() == request.until.empty()) {
+    co_return refuse({"Say until when: --by 30m, or --until 18:00."});
+  }
+  std::expected<double, std::string> seconds = 0;
+  std::expected<core::Date, std::string> until = core::Date{};
+  if (request.until.empty()) {
+    seconds = parseSeconds(request.duration);
+    if (seconds && !(*seconds > 0 && *seconds <= core::CommitmentDuration::secondsMax)) {
+      seconds = std::unexpected(
+          quoted(request.duration) +
+          " is not possible: an end moves by more than 0 seconds and at most 24 hours.");
+    }
+  } else {
+    until = parseEndTime(request.until, with_.clock(), with_.offset);
+  }
+  if (!seconds) co_return refuse({seconds.error()});
+  if (!until) co_return refuse({until.error()});
+
   const Result before = co_await with_.daemon->status();
   if (!before) co_return report(before.error());
   const ipc::ActiveCommitmentStatus* const active = before->active();
-  if (active == nullptr) co_return report(DaemonError::noActiveCommitment{});
-  const core::Date end = active->projectedEndTime.date + seconds;
-  // The daemon's limit lies 24 hours past the activation. Should the clock have been set back
-  // behind that, it would allow more than a day from now; nobody means that.
-  if (!(end <= with_.clock() + core::ActivationBoundary::spanSeconds)) {
-    co_return report(
-        DaemonError::extensionExceedsActivationBoundary{active->latestPermittedEndTime});
+  const core::Date now = with_.clock();
+  const core::Date end = active == nullptr       ? core::Date{}
+                         : request.until.empty() ? active->projectedEndTime.date + *seconds
+                                                 : *until;
+  if (const auto refusal = refusalOfExtension(active, end, now)) co_return report(*refusal);
+  if (!options.isConfirmed) {
+    const Promise promise{.step = Promise::Step::extend,
+                          .sites = sitesOf(active->scope),
+                          .now = now,
+                          .end = end,
+                          .latestEnd = active->latestPermittedEndTime};
+    if (!isAgreed(promise, options)) co_return ExitStatus::declined;
   }
   const Result extended = co_await with_.daemon->extend(ipc::ExtensionRequest{{end}});
   if (!extended) co_return report(extended.error());
-  show(*extended, false);
+  show(*extended, options);
   co_return ExitStatus::success;
 }
 
-Task<ExitStatus> Commands::status(bool asJSON) {
+Task<ExitStatus> Commands::status(CommandOptions options) {
   const Result status = co_await with_.daemon->status();
   if (!status) co_return report(status.error());
-  show(*status, asJSON);
+  show(*status, options);
   co_return ExitStatus::success;
 }
 
-Task<ExitStatus> Commands::acknowledge() {
+Task<ExitStatus> Commands::acknowledge(CommandOptions options) {
   const Result status = co_await with_.daemon->acknowledgeExpiry();
   if (!status) co_return report(status.error());
-  show(*status, false);
+  show(*status, options);
   co_return ExitStatus::success;
 }
 
-namespace {
-
-struct Watched {
-  concurrency::Channel<std::optional<DaemonStatus>> events{
-      8};  ///< none inside: a second has passed
-  concurrency::Cancellation cancellation;
-};
-
-Task<void> forwardStatuses(std::shared_ptr<ipc::CommitmentAuthorityClient> daemon,
-                           Watched watched) {
-  const ipc::DaemonStatusStream stream = daemon->statusChanges();
-  while (true) {
-    std::optional<DaemonStatus> status = co_await stream.next();
-    if (!status) break;
-    (void)watched.events.give(std::move(status));
+Task<ExitStatus> Commands::validate(CommandOptions options) {
+  if (!options.asJSON) console_.tell("Testing that the filter really blocks …");
+  const Result status = co_await with_.daemon->validateEnforcement();
+  if (!status) co_return report(status.error());
+  const std::optional<core::EnforcementValidation>& validation = status->readiness.validation;
+  const auto* const failed =
+      validation ? core::getIf<core::EnforcementValidation::failed>(*validation) : nullptr;
+  const bool hasPassed = validation && failed == nullptr;
+  if (options.asJSON) {
+    console_.print(json(status->readiness));
+  } else if (hasPassed) {
+    console_.say(
+        "The block works: a connection that had to be blocked was, and another one got through.");
+  } else {
+    console_.say(failed != nullptr ? validationText(failed->failure)
+                                   : "The daemon tested nothing. Try again.");
   }
-  watched.events.finish();
-  watched.cancellation.cancel();
+  co_return hasPassed ? ExitStatus::success : ExitStatus::refused;
 }
 
-Task<void> forwardSeconds(std::shared_ptr<concurrency::Sleeper> sleeper, Watched watched) {
-  while (true) {
-    const auto outcome = co_await sleeper->sleep(std::chrono::seconds(1), watched.cancellation);
-    if (outcome == concurrency::SleepOutcome::cancelled) co_return;
-    (void)watched.events.give(std::nullopt);
+Task<ExitStatus> Commands::explain(std::string site, CommandOptions options) {
+  const auto understood = with_.normalizer().normalize(site);
+  if (!understood) co_return refuse({siteRefusal(site, understood.error())});
+  if (options.asJSON) {
+    console_.print(json(*understood));
+    co_return ExitStatus::success;
   }
-}
-
-}  // namespace
-
-Task<ExitStatus> Commands::watch(bool asJSON) {
-  // A call first: its error says why the daemon cannot be reached, which a stream does not.
-  const Result first = co_await with_.daemon->status();
-  if (!first) co_return report(first.error());
-  const concurrency::Executor executor = co_await boost::asio::this_coro::executor;
-  const Watched watched;
-  const bool rewrites = console_.isTerminal && !asJSON;
-  concurrency::spawn(executor, forwardStatuses(with_.daemon, watched));
-  if (rewrites) concurrency::spawn(executor, forwardSeconds(with_.sleeper, watched));
-  std::optional<DaemonStatus> last;
-  while (true) {
-    std::optional<std::optional<DaemonStatus>> event = co_await watched.events.next();
-    if (!event) break;
-    if (*event) last = std::move(**event);
-    if (!last) continue;
-    if (rewrites) {
-      console_.out << "\r\x1b[K" << statusLine(*last, with_.clock()) << std::flush;
-    } else {
-      show(*last, asJSON);
-    }
+  const TextStyle style = console_.outStyle();
+  console_.out << wrapped(explanation(site, *understood), style.columns) << std::flush;
+  const Result status = co_await with_.daemon->status();
+  if (status) {
+    console_.say(scopeSentence(blockedDomain(*understood), *status));
+  } else {
+    // The explanation stands without it.
+    console_.tell("Whether it is blocked now is not known.");
+    (void)report(status.error());
   }
-  if (rewrites) console_.out << '\n' << std::flush;
-  console_.err << "The connection to the daemon has ended.\n" << std::flush;
-  co_return ExitStatus::unreachable;
+  co_return ExitStatus::success;
 }
 
 }  // namespace stillow::client

@@ -16,15 +16,16 @@ constexpr int exitNotRoot = 77;
 
 concurrency::Task<int> checkRemoval(authority::RemovalRulingSources sources, bool isRoot,
                                     std::function<std::string(core::Date)> formatted,
-                                    std::ostream& out, std::ostream& err) {
+                                    std::ostream& out, std::ostream& err, bool asJSON) {
   if (!isRoot) {
     err << ipc::uninstallNeedsRootText << '\n' << std::flush;
     co_return exitNotRoot;
   }
   const ipc::UninstallRuling ruling = co_await authority::rulingOnRemoval(std::move(sources));
+  if (asJSON) out << core::encode(ruling).value_or("") << '\n' << std::flush;  // dates are finite
   const auto* const refused = core::getIf<ipc::UninstallRuling::refused>(ruling);
   if (refused == nullptr) co_return exitMayBeRemoved;
-  out << ipc::refusalText(refused->cause, formatted) << '\n' << std::flush;
+  if (!asJSON) out << ipc::refusalText(refused->cause, formatted) << "\n" << std::flush;
   co_return exitHasToStay;
 }
 

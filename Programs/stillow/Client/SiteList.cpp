@@ -1,36 +1,37 @@
 #include "StillowClient/SiteList.hpp"
 
-#include <algorithm>
+#include <unordered_set>
+#include <utility>
 
+#include "StillowClient/TextLayout.hpp"
 #include "StillowCore/Scope.hpp"
 #include "StillowCore/SumType.hpp"
+#include "StillowCore/Text.hpp"
 #include "StillowCore/ValidationHosts.hpp"
 
 namespace stillow::client {
 
-namespace {
-
 using core::DomainNormalizationError;
 using core::DomainNormalizationResult;
 
-std::string sentence(std::string_view text, const DomainNormalizationError& error) {
-  const std::string quoted = "“" + std::string(text) + "” ";
+std::string siteRefusal(std::string_view text, const DomainNormalizationError& error) {
+  const std::string input = quoted(text) + " ";
   return core::match(
       error,
       [&](const DomainNormalizationError::invalidHostname&) {
-        return quoted + "is not a host name: letters, digits, hyphens and dots, like example.com.";
+        return input + "is not a host name: letters, digits, hyphens and dots, like example.com.";
       },
       [&](const DomainNormalizationError::ipAddressUnsupported&) {
-        return quoted + "is an address; Stillow blocks sites by name, so give the site’s name.";
+        return input + "is an address; Stillow blocks sites by name, so give the site’s name.";
       },
       [&](const DomainNormalizationError::publicSuffixOnly&) {
-        return quoted + "is shared by many owners (a public suffix); name a site below it.";
+        return input + "is shared by many owners (a public suffix); name a site below it.";
       },
       [&](const DomainNormalizationError::emptyInput&) {
         return std::string("An empty text names no site; write something like example.com.");
       },
       [&](const DomainNormalizationError::noHost&) {
-        return quoted + "names no host; write something like example.com.";
+        return input + "names no host; write something like example.com.";
       });
 }
 
@@ -40,26 +41,33 @@ bool coversValidationHosts(const core::Domain& domain) {
          scope.contains(core::ValidationHosts::control);
 }
 
-}  // namespace
+std::string domainRefusal(std::string_view text, const core::Domain& domain) {
+  if (coversValidationHosts(domain)) {
+    return quoted(text) + " would cover the hosts that Stillow tests its own filter with.";
+  }
+  if (!isPrintable(domain.name())) {
+    return quoted(text) + " is not a host name: it has characters that cannot be shown.";
+  }
+  return "";
+}
 
 std::expected<TypedSite, std::string> understandSite(const core::DomainNormalizer& normalizer,
                                                      std::string_view text) {
   const auto normalized = normalizer.normalize(text);
-  if (!normalized) return std::unexpected(sentence(text, normalized.error()));
+  if (!normalized) return std::unexpected(siteRefusal(text, normalized.error()));
   using Result = DomainNormalizationResult;
   TypedSite site = core::match(
       *normalized,
       [](const Result::alreadyRegistrable& result) { return TypedSite{result.domain, ""}; },
       [](const Result::normalizedToRegistrable& result) {
-        return TypedSite{result.registrable, "from " + result.original};
+        return TypedSite{result.registrable, "from " + printable(result.original)};
       },
       [](const Result::narrowerSubdomain& result) {
         return TypedSite{result.narrow, "only this part of " + result.registrable.name() +
                                             ", and what is below it"};
       });
-  if (coversValidationHosts(site.domain)) {
-    return std::unexpected("“" + std::string(text) +
-                           "” would cover the hosts that Stillow tests its own filter with.");
+  if (std::string refusal = domainRefusal(text, site.domain); !refusal.empty()) {
+    return std::unexpected(std::move(refusal));
   }
   return site;
 }
@@ -67,17 +75,38 @@ std::expected<TypedSite, std::string> understandSite(const core::DomainNormalize
 std::expected<std::vector<TypedSite>, std::vector<std::string>> understandSites(
     const core::DomainNormalizer& normalizer, std::span<const std::string> texts) {
   std::vector<TypedSite> sites;
+  std::unordered_set<core::Domain> seen;
   std::vector<std::string> refusals;
   for (const std::string& text : texts) {
     auto site = understandSite(normalizer, text);
     if (!site) {
       refusals.push_back(std::move(site.error()));
-    } else if (std::ranges::find(sites, site->domain, &TypedSite::domain) == sites.end()) {
+    } else if (seen.insert(site->domain).second) {
       sites.push_back(std::move(*site));
     }
   }
   if (!refusals.empty()) return std::unexpected(std::move(refusals));
   return sites;
+}
+
+std::expected<std::vector<core::Domain>, std::vector<std::string>> understandFile(
+    const core::DomainNormalizer& normalizer, std::string_view content, std::string_view fileName) {
+  std::vector<core::Domain> domains;
+  std::vector<std::string> refusals;
+  std::size_t number = 0;
+  for (const std::string_view whole : core::text::lines(content)) {
+    ++number;
+    const std::string_view line = core::text::trimmingWhitespaceAndNewlines(whole);
+    if (line.empty() || line.starts_with('#')) continue;
+    auto site = understandSite(normalizer, line);
+    if (site) {
+      domains.push_back(std::move(site->domain));
+    } else {
+      refusals.push_back(printable(fileName) + ":" + std::to_string(number) + ": " + site.error());
+    }
+  }
+  if (!refusals.empty()) return std::unexpected(std::move(refusals));
+  return domains;
 }
 
 }  // namespace stillow::client

@@ -1,0 +1,67 @@
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <unistd.h>
+
+#include "Declarations.hpp"
+#include "PlatformLinuxText/LocalizedDate.hpp"
+#include "Session.hpp"
+#include "StillowAuthority/DurableCommitmentStore.hpp"
+#include "StillowClient/RemovalCheck.hpp"
+
+namespace stillow::program {
+
+namespace {
+
+int checkRemoval(bool asJSON) {
+  // The checkpoints are there to turn to.
+  Session session(ipc::DaemonCallDeadlines::quick());
+  filtering::PosixFileSystem fileSystem;
+  const authority::DurableCommitmentStore checkpoints(fileSystem, STILLOW_STATE_DIRECTORY);
+  authority::RemovalRulingSources sources{
+      .daemon = session.daemon(),
+      .recoverCheckpoints = [&checkpoints] { return checkpoints.recover(); },
+      .wallClock = now};
+  const auto formatted = [](core::Date date) {
+    return platform::localizedDateAndTime(date, platform::localeOfCaller());
+  };
+  leave(session.run(client::checkRemoval(std::move(sources), ::geteuid() == 0, formatted, std::cout,
+                                         std::cerr, asJSON)));
+}
+
+}  // namespace
+
+void declareScriptCommands(CLI::App& app, int& status) {
+  struct Given {
+    std::string method;
+    std::string params;
+    bool asJSON = false;
+  };
+  const auto given = std::make_shared<Given>();
+
+  CLI::App& rpc =
+      *app.add_subcommand("rpc", "Pass one call to the daemon as it is and print its answer");
+  rpc.add_option("METHOD", given->method, "Such as status or activate")->required();
+  rpc.add_option("PARAMS", given->params,
+                 "The request record as JSON; - reads it from standard input");
+  rpc.add_flag("--json", given->asJSON, "As always: the answer is JSON");
+  rpc.callback([&status, given] {
+    if (given->params == "-") given->params.assign(std::istreambuf_iterator<char>(std::cin), {});
+    std::optional<std::string> params;
+    if (!given->params.empty()) params = given->params;
+    Session session;
+    status = static_cast<int>(session.run(session.passThrough(given->method, std::move(params))));
+    leave(status);
+  });
+
+  CLI::App& removalCheck = *app.add_subcommand(
+      "removal-check", "Say whether Stillow may be removed now; for root and package scripts");
+  removalCheck.add_flag("--json", given->asJSON, "Print a record; docs/client-json has its form");
+  removalCheck.callback([&status, given] { status = checkRemoval(given->asJSON); });
+}
+
+}  // namespace stillow::program

@@ -1,0 +1,151 @@
+#include "Session.hpp"
+
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <utility>
+
+#include <boost/asio/signal_set.hpp>
+#include <pwd.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "PlatformLinuxIPC/DaemonSocket.hpp"
+#include "PlatformLinuxPeer/RootDaemon.hpp"
+#include "StillowClient/RefusalText.hpp"
+#include "StillowConcurrency/Deadline.hpp"
+#include "StillowCore/JSONDocument.hpp"
+#include "StillowIPC/CodeSigningRequirement.hpp"
+#include "StillowIPC/StillowDaemonService.hpp"
+
+namespace stillow::program {
+
+using client::ExitStatus;
+
+namespace {
+
+std::filesystem::path socketPath() {
+  return platform::daemonSocketPath(ipc::StillowDaemonService::machServiceName);
+}
+
+client::TextStyle styleOf(int descriptor) {
+  const char* const term = std::getenv("TERM");
+  client::TextStyle style;
+  if (::isatty(descriptor) != 1) return style;
+  style.showsBar = true;
+  style.hasColour = client::wantsColour(true, std::getenv("NO_COLOR"), term);
+  // A terminal that does not say how wide it is gets what terminals always were.
+  style.columns = 80;
+  style.rows = 24;
+  winsize size{};
+  if (::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+    style.columns = size.ws_col;
+    style.rows = size.ws_row;
+  }
+  return style;
+}
+
+std::string userDirectory() {
+  const passwd* const user = ::getpwuid(::geteuid());
+  const auto directory = client::collectionDirectory(
+      std::getenv("XDG_CONFIG_HOME"), std::getenv("HOME"), user == nullptr ? "" : user->pw_dir);
+  if (!directory) {
+    std::cerr << directory.error() << '\n';
+    leave(static_cast<int>(ExitStatus::collection));
+  }
+  return *directory;
+}
+
+}  // namespace
+
+core::Date now() {
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
+}
+
+client::Console standardConsole() {
+  const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
+  return {.in = std::cin,
+          .out = std::cout,
+          .err = std::cerr,
+          .canAnswer = ::isatty(STDIN_FILENO) == 1,
+          .canRewrite = client::canRewrite(isTerminal, std::getenv("TERM")),
+          .outStyle = [] { return styleOf(STDOUT_FILENO); },
+          .errStyle = [] { return styleOf(STDERR_FILENO); }};
+}
+
+const core::DomainNormalizer& normalizer() {
+  static const core::DomainNormalizer shared{core::PublicSuffixList::fromResource()};
+  return shared;
+}
+
+UserCollection::UserCollection() : file(fileSystem, userDirectory(), client::lockDirectory) {}
+
+Session::Session(ipc::DaemonCallDeadlines deadlines)
+    : sleeper_(std::make_shared<platform::BoottimeSleeper>(context_.get_executor())),
+      connector_(std::make_shared<platform::UnixSocketDaemonConnector>(
+          platform::UnixSocketDaemonConnector::Dependencies{
+              .executor = context_.get_executor(),
+              .sleeper = sleeper_,
+              .socketPath = socketPath(),
+              .requireDaemon = platform::requireRootDaemon})),
+      daemon_(ipc::XPCCommitmentAuthorityClient::make(
+          {.executor = context_.get_executor(),
+           .endpoint =
+               ipc::Endpoint::machService{std::string(ipc::StillowDaemonService::machServiceName),
+                                          connector_},
+           .requirement = ipc::CodeSigningRequirement::trustedPeers(),
+           .deadlines = deadlines,
+           .wait = sleeper_})) {}
+
+client::Commands Session::commands() const {
+  const auto readCollection = [] {
+    const UserCollection collection;
+    return collection.file.read();
+  };
+  return {standardConsole(),
+          {.daemon = daemon_,
+           .clock = now,
+           .offset = client::localOffset(),
+           .normalizer = normalizer,
+           .readCollection = readCollection,
+           .explainUnreachable = {}}};
+}
+
+concurrency::Cancellation Session::endOnSignal() {
+  const concurrency::Cancellation enough;
+  auto signals = std::make_shared<boost::asio::signal_set>(context_, SIGINT, SIGTERM, SIGHUP);
+  signals->async_wait([enough](const boost::system::error_code& error, int) {
+    if (!error) enough.cancel();
+  });
+  signals_ = std::move(signals);
+  return enough;
+}
+
+concurrency::Task<ExitStatus> Session::passThrough(std::string method,
+                                                   std::optional<std::string> params) {
+  const auto limit = ipc::DaemonCallDeadlines::standard().enforcementValidation;
+  const std::optional<std::expected<std::string, ipc::PlatformError>> line =
+      co_await concurrency::within<std::expected<std::string, ipc::PlatformError>>(
+          limit, sleeper_, connector_->passThrough(std::move(method), std::move(params)));
+  if (!line) {
+    const double seconds = std::chrono::duration<double>(limit).count();
+    co_return commands().report(ipc::DaemonError::daemonDidNotAnswer{seconds});
+  }
+  if (!*line) co_return commands().report(ipc::DaemonError::from(line->error()));
+  std::cout << **line << '\n' << std::flush;
+  const auto document = core::JSONDocument::parse(**line);
+  if (!document) co_return ExitStatus::unreachable;
+  const auto& root = document->node(core::JSONDocument::root());
+  for (std::uint32_t key = 1; key < root.end; key = document->node(key + 1).end) {
+    if (document->node(key).text == "result") co_return ExitStatus::success;
+  }
+  co_return ExitStatus::refused;
+}
+
+void leave(int status) {
+  std::cout.flush();
+  std::_Exit(status);
+}
+
+}  // namespace stillow::program
