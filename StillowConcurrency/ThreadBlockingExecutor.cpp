@@ -4,7 +4,9 @@
 
 namespace stillow::concurrency {
 
-ThreadBlockingExecutor::~ThreadBlockingExecutor() {
+ThreadBlockingExecutor::~ThreadBlockingExecutor() { stop(); }
+
+void ThreadBlockingExecutor::stop() {
   pool_.stop();
   pool_.join();
 }

@@ -8,7 +8,7 @@
 
 namespace stillow::concurrency {
 
-/// Real threads. Destruction waits for work that has begun and drops the rest.
+/// Real threads. Destruction stops.
 class ThreadBlockingExecutor final : public BlockingExecutor {
  public:
   explicit ThreadBlockingExecutor(std::size_t threads) : pool_(threads) {}
@@ -17,6 +17,10 @@ class ThreadBlockingExecutor final : public BlockingExecutor {
   ThreadBlockingExecutor& operator=(const ThreadBlockingExecutor&) = delete;
 
   void submit(std::function<void()> work) override;
+
+  /// Drops what has not begun and waits for what has, for good. Work that hands its result to an
+  /// executor has to be over before that executor's context goes.
+  void stop();
 
  private:
   boost::asio::thread_pool pool_;

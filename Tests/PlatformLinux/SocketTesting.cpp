@@ -216,6 +216,7 @@ SocketTest::SocketTest() : path(directory.path("run/s.sock")) {
 SocketTest::~SocketTest() {
   listener.reset();
   threads->stop();
+  blocking->stop();
   // A socket may not outlive the context that it belongs to.
   daemon->forget();
   threads.reset();
