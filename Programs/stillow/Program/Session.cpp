@@ -17,6 +17,7 @@
 #include "StillowCore/JSONDocument.hpp"
 #include "StillowIPC/CodeSigningRequirement.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
+#include "StillowReach/ReachDiagnosis.hpp"
 
 namespace stillow::program {
 
@@ -26,6 +27,12 @@ namespace {
 
 std::filesystem::path socketPath() {
   return platform::daemonSocketPath(ipc::StillowDaemonService::machServiceName);
+}
+
+std::string explainUnreachable(const ipc::DaemonError& error) {
+  const auto finding = client::diagnoseReach({error, socketPath()});
+  if (!finding) return "";
+  return finding->sentence + "\n" + finding->nextStep + "\nTo check everything: stillow doctor";
 }
 
 client::TextStyle styleOf(int descriptor) {
@@ -109,7 +116,7 @@ client::Commands Session::commands() const {
            .offset = client::localOffset(),
            .normalizer = normalizer,
            .readCollection = readCollection,
-           .explainUnreachable = {}}};
+           .explainUnreachable = explainUnreachable}};
 }
 
 concurrency::Cancellation Session::endOnSignal() {

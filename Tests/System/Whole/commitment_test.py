@@ -197,7 +197,7 @@ class Strangers(WholeTestCase):
                         self.machine.directory / "StillowCore_StillowCore.bundle")
         outcome = run(self.machine.inside(copied, "status"), check=False)
         self.assertEqual(outcome.returncode, 3)
-        self.assertIn("The Stillow daemon is unavailable: ", outcome.stderr)
+        self.assertIn("because it does not know this program", outcome.stderr)
         wait_until(lambda: len(self.machine.daemon.log()) > len(before), "the log line")
         self.assertEqual(self.machine.daemon.log()[len(before):].count("\n"), 1)
 
