@@ -1,8 +1,11 @@
 #include "StillowReach/OwnSignature.hpp"
 
+#include <cerrno>
+
 #include <unistd.h>
 
 #include "PlatformLinuxPeer/CodeSigningAnchor.hpp"
+#include "PlatformLinuxPeer/LogText.hpp"
 #include "PlatformLinuxPeer/PinnedProcess.hpp"
 #include "PlatformLinuxPeer/SignedExecutableIdentifier.hpp"
 #include "StillowIPC/CodeSigningRequirement.hpp"
@@ -18,7 +21,15 @@ OwnSignature identifySelf() {
   const auto self = platform::PinnedProcess::withID(::getpid());
   if (!self) return {Standing::unchecked, self.error()};
   auto anchor = platform::CodeSigningAnchor::installed();
-  if (!anchor) return {Standing::unchecked, anchor.error()};
+  if (!anchor) {
+    // A copy that was made without its signature needs no anchor to be recognised.
+    const auto name = self->executableName();
+    if (name && ::access((*name + ".cms").c_str(), F_OK) != 0 && errno == ENOENT) {
+      return {Standing::refused,
+              "The executable " + platform::quotedForLog(*name) + " is not signed."};
+    }
+    return {Standing::unchecked, anchor.error()};
+  }
   // A single look has nothing to remember a digest for.
   platform::SignedExecutableIdentifier identifier(std::move(anchor), [] { return core::Date{}; });
   const auto identity = identifier.identify(*self);
