@@ -15,8 +15,11 @@ ResourceBundle ResourceBundle::named(std::string_view name) {
 ResourceBundle ResourceBundle::named(std::string_view name,
                                      const std::filesystem::path& executableDirectory) {
   const std::string directoryName = std::string(name) + ".bundle";
+  const auto above = executableDirectory.parent_path();
+  // In an application only code may lie beside the executable.
+  const bool isInApplication = executableDirectory.filename() == "MacOS";
   for (const auto& parent :
-       {executableDirectory, executableDirectory.parent_path() / "share" / "stillow"}) {
+       {executableDirectory, isInApplication ? above / "Resources" : above / "share" / "stillow"}) {
     std::error_code ignored;  // What cannot be looked at is not there.
     if (auto directory = parent / directoryName;
         std::filesystem::is_directory(directory, ignored)) {

@@ -11,7 +11,8 @@ namespace stillow::core {
 class ResourceBundle {
  public:
   /// The directory "<name>.bundle" beside the executable, or in ../share/stillow from there (which
-  /// is where a package puts it). The process stops when there is none: the installation is broken.
+  /// is where a package puts it), or in ../Resources if the executable lies in the directory
+  /// "MacOS" of an application. The process stops when there is none: the installation is broken.
   [[nodiscard]] static ResourceBundle named(std::string_view name);
   [[nodiscard]] static ResourceBundle named(std::string_view name,
                                             const std::filesystem::path& executableDirectory);

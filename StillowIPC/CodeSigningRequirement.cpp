@@ -28,8 +28,6 @@ const CodeSigningRequirement& CodeSigningRequirement::trustedPeers() {
   return requirement;
 }
 
-bool CodeSigningRequirement::isValid() const { return compileCodeRequirement(text).has_value(); }
-
 bool CodeSigningRequirement::isSatisfiedBy(const CodeIdentity& identity) const {
   const auto expression = compileCodeRequirement(text);
   return expression.has_value() && isSatisfied(*expression, identity);

@@ -266,6 +266,14 @@ TEST_F(ResourceBundleFiles, areReadFromTheShareDirectoryOfAnInstallation) {
   EXPECT_EQ(bundle().contents("public_suffix_list", "dat"), "com\n") << "the nearer one wins";
 }
 
+TEST_F(ResourceBundleFiles, areReadFromTheResourcesOfAnApplication) {
+  std::filesystem::create_directories(root_ / "Contents" / "MacOS");
+  write(makeBundle("Contents/Resources") / "public_suffix_list.dat", "org\n");
+  const auto inApplication =
+      ResourceBundle::named("StillowCore_StillowCore", root_ / "Contents" / "MacOS");
+  EXPECT_EQ(inApplication.contents("public_suffix_list", "dat"), "org\n");
+}
+
 TEST_F(ResourceBundleFiles, mayBeEmptyButNoDirectories) {
   const auto directory = makeBundle("bin");
   write(directory / "empty.dat", "");
@@ -276,6 +284,8 @@ TEST_F(ResourceBundleFiles, mayBeEmptyButNoDirectories) {
 
 TEST_F(ResourceBundleDeathTest, aMissingBundleStopsTheProcess) {
   EXPECT_DEATH((void)bundle(), "Fatal error: unable to find bundle named StillowCore_StillowCore ");
+  makeBundle("Resources");
+  EXPECT_DEATH((void)bundle(), "unable to find bundle") << "only an application's are looked at";
   write(root_ / "bin" / "StillowCore_StillowCore.bundle", "a file is no bundle");
   EXPECT_DEATH((void)bundle(), "Fatal error: unable to find bundle named StillowCore_StillowCore ");
 }
