@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expected>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -46,5 +47,10 @@ class DaemonPlatform {
 
 /// Writes one line to the system's log. Any thread.
 void writeLogLine(std::string_view line);
+
+/// Runs `work` and ends the process with what it gives. To be called on the process's first thread,
+/// which a system that delivers there takes for itself; `work` then runs on another one. Nothing is
+/// torn down: other threads still run, and what they use lives as long as the process.
+[[noreturn]] void runProcess(std::function<int()> work);
 
 }  // namespace stillow::daemon

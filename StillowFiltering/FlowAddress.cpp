@@ -2,6 +2,10 @@
 
 #include <algorithm>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 namespace stillow::filtering {
 
 std::optional<FlowAddress> FlowAddress::fromPrintedForm(std::string_view text) noexcept {
@@ -10,6 +14,16 @@ std::optional<FlowAddress> FlowAddress::fromPrintedForm(std::string_view text) n
   FlowAddress address;
   address.append(text);
   return address;
+}
+
+bool FlowAddress::isPrintedForm(std::string_view text) noexcept {
+  const auto address = fromPrintedForm(text);
+  if (!address) return false;
+  // At least one zero lies between the longest text and its length.
+  std::array<std::uint8_t, sizeof(::in6_addr)> bytes{};
+  const char* const printed = address->storage_.data();
+  return ::inet_pton(AF_INET, printed, bytes.data()) == 1 ||
+         ::inet_pton(AF_INET6, printed, bytes.data()) == 1;
 }
 
 FlowAddress FlowAddress::fromIPv4(std::span<const std::uint8_t, 4> bytes) noexcept {

@@ -21,6 +21,8 @@ class FlowAddress {
   /// From an address's printed form; a zone suffix (from "%" on) is cut off. None for a text that
   /// is empty or too long to be an address; whether it is one is not checked.
   [[nodiscard]] static std::optional<FlowAddress> fromPrintedForm(std::string_view text) noexcept;
+  /// Whether `text` is an IPv4 address in dotted form or an IPv6 address, with or without a zone.
+  [[nodiscard]] static bool isPrintedForm(std::string_view text) noexcept;
   /// From the bytes of a packet's header, printed as RFC 5952 says.
   [[nodiscard]] static FlowAddress fromIPv4(std::span<const std::uint8_t, 4> bytes) noexcept;
   [[nodiscard]] static FlowAddress fromIPv6(std::span<const std::uint8_t, 16> bytes) noexcept;

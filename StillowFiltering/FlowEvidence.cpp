@@ -2,6 +2,10 @@
 
 namespace stillow::filtering {
 
+void FlowDescription::setEndpoint(std::string_view host) noexcept {
+  (FlowAddress::isPrintedForm(host) ? endpointAddress : endpointName) = host;
+}
+
 FlowEvidence FlowEvidence::of(const FlowDescription& description) noexcept {
   FlowEvidence evidence{.remoteHostname = std::nullopt,
                         .remoteAddress = FlowAddress::fromPrintedForm(description.endpointAddress)};

@@ -13,6 +13,9 @@ struct FlowDescription {
   std::string_view remoteHostname;   ///< the name that the socket was asked to connect to
   std::string_view endpointName;     ///< the remote endpoint's host, when that is a name
   std::string_view endpointAddress;  ///< the remote endpoint's host, when that is an IP address
+
+  /// Takes the remote endpoint's host as the system prints it, name or address.
+  void setEndpoint(std::string_view host) noexcept;
 };
 
 /// What a flow carries that tells where it goes. Made for one question: the name is a view and has

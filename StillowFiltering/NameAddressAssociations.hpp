@@ -37,6 +37,12 @@ class NameAddressAssociations {
     friend bool operator==(const Limits&, const Limits&) = default;
   };
 
+  /// For a filter of one machine. Names are remembered for about as long as resolvers keep an
+  /// address, for as many addresses as a busy machine talks to in that time. Many names for each,
+  /// because an address that is shared must not look as if only its blocked sites lived there.
+  static constexpr Limits machineLimits{
+      .lifetime = 900, .maximumAddresses = 10'000, .maximumNamesPerAddress = 32};
+
   explicit NameAddressAssociations(Limits limits);
   NameAddressAssociations(const NameAddressAssociations&) = delete;
   NameAddressAssociations& operator=(const NameAddressAssociations&) = delete;

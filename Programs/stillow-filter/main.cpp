@@ -55,12 +55,6 @@ Exit status:
   69  kernel without queues    77  not root, or without CAP_NET_ADMIN
 )";
 
-/// Names are remembered for about as long as resolvers keep an address, for as many addresses as a
-/// busy machine talks to in that time. Many names for each, because an address that is shared must
-/// not look as if only its blocked sites lived there.
-constexpr filtering::NameAddressAssociations::Limits associationLimits{
-    .lifetime = 900, .maximumAddresses = 10'000, .maximumNamesPerAddress = 32};
-
 core::Date wallClockNow() {
   const std::chrono::duration<double> sinceEpoch =
       std::chrono::system_clock::now().time_since_epoch();
@@ -112,7 +106,8 @@ class Filter {
         cutter_(std::move(cutter)),
         events_(std::string(stateDirectory), std::string(Store::fileName)),
         store_(fileSystem_, std::string(stateDirectory) + "/" + std::string(Store::fileName)),
-        classifier_(std::nullopt, wallClockNow(), associationLimits),
+        classifier_(std::nullopt, wallClockNow(),
+                    filtering::NameAddressAssociations::machineLimits),
         judge_(classifier_),
         loop_(
             {

@@ -71,8 +71,8 @@ int main(int argc, char** argv) {
   const ipc::CodeSigningRequirement& requirement = ipc::CodeSigningRequirement::trustedPeers();
   const std::vector<std::string_view> arguments(argv, argv + argc);
   const auto mode = daemon::commandMode(arguments);
-  const int status = mode ? runCommand(*mode, requirement) : runDaemon(requirement);
-  // Not `return`: other threads still run, and what they use is never torn down.
-  std::cout.flush();
-  std::_Exit(status);
+  // By value: the first thread may give its stack up.
+  daemon::runProcess([mode, &requirement] {
+    return mode ? runCommand(*mode, requirement) : runDaemon(requirement);
+  });
 }

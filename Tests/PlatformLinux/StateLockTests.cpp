@@ -15,13 +15,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "PlatformLinuxDaemon/StateDirectoryLock.hpp"
 #include "StillowFiltering/Storage/PosixFileSystem.hpp"
+#include "StillowFiltering/Storage/StateDirectoryLock.hpp"
 #include "TestSupport/TemporaryDirectory.hpp"
 
 namespace stillow::platform {
 namespace {
 
+using filtering::StateDirectoryLock;
 using test::TemporaryDirectory;
 
 filtering::PosixFileSystem& fileSystem() {

@@ -1,6 +1,8 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
+#include <iostream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,7 +21,6 @@
 #include "PlatformLinuxDaemon/ContinuousMonotonicTimeSource.hpp"
 #include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
 #include "PlatformLinuxDaemon/NetfilterConfiguration.hpp"
-#include "PlatformLinuxDaemon/StateDirectoryLock.hpp"
 #include "PlatformLinuxDaemon/SystemFilterPathObserver.hpp"
 #include "PlatformLinuxDaemon/SystemNetworkPathObserver.hpp"
 #include "PlatformLinuxDaemon/SystemProjectionInvalidationSource.hpp"
@@ -38,6 +39,7 @@
 #include "StillowDaemon/DaemonPlatform.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
 #include "StillowFiltering/Storage/PosixFileSystem.hpp"
+#include "StillowFiltering/Storage/StateDirectoryLock.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
 
 namespace stillow::platform {
@@ -47,6 +49,7 @@ namespace {
 using concurrency::ThreadBlockingExecutor;
 using daemon::Daemon;
 using daemon::LogLine;
+using filtering::StateDirectoryLock;
 
 constexpr const char* stateDirectory = STILLOW_STATE_DIRECTORY;
 /// One thread could do: two keep a status from waiting behind the encoding of a large one.
@@ -213,6 +216,12 @@ void writeLogLine(std::string_view line) {
     return made;
   }();
   logger->info("{}", line);
+}
+
+void runProcess(std::function<int()> work) {
+  const int status = work();
+  std::cout.flush();
+  std::_Exit(status);
 }
 
 }  // namespace stillow::daemon

@@ -7,7 +7,7 @@
 #include "StillowCore/FileDescriptor.hpp"
 #include "StillowFiltering/Storage/FileSystem.hpp"
 
-namespace stillow::platform {
+namespace stillow::filtering {
 
 /// The sole right to the state directory, held until this is destroyed or the process ends, however
 /// it ends. Who reads or writes state takes it first: two daemons that each believed to own the
@@ -35,4 +35,4 @@ class [[nodiscard]] StateDirectoryLock {
   core::FileDescriptor file_;
 };
 
-}  // namespace stillow::platform
+}  // namespace stillow::filtering

@@ -1,4 +1,4 @@
-#include "PlatformLinuxDaemon/StateDirectoryLock.hpp"
+#include "StillowFiltering/Storage/StateDirectoryLock.hpp"
 
 #include <cerrno>
 #include <system_error>
@@ -10,7 +10,7 @@
 
 #include "StillowFiltering/Storage/DurableFile.hpp"
 
-namespace stillow::platform {
+namespace stillow::filtering {
 
 namespace {
 
@@ -63,4 +63,4 @@ std::expected<StateDirectoryLock, Error> StateDirectoryLock::acquire(
   return std::unexpected(Error{"Could not lock " + path + ": it is removed again and again"});
 }
 
-}  // namespace stillow::platform
+}  // namespace stillow::filtering
