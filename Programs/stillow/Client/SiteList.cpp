@@ -94,6 +94,9 @@ std::expected<std::vector<core::Domain>, std::vector<std::string>> understandFil
   std::vector<core::Domain> domains;
   std::vector<std::string> refusals;
   std::size_t number = 0;
+  // Editors of some systems put it in front of every text.
+  constexpr std::string_view byteOrderMark = "\uFEFF";
+  if (content.starts_with(byteOrderMark)) content.remove_prefix(byteOrderMark.size());
   for (const std::string_view whole : core::text::lines(content)) {
     ++number;
     const std::string_view line = core::text::trimmingWhitespaceAndNewlines(whole);

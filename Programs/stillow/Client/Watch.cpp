@@ -89,7 +89,7 @@ class View {
     } else {
       std::string text;
       for (const std::string& change : changesBetween(*last_, status)) {
-        text += wrapped(momentText(status.observedAt, clock_()) + "  " + change,
+        text += wrapped(momentText(clock_(), clock_()) + "  " + change,
                         console_.outStyle().columns, changeIndent) +
                 "\n";
       }
