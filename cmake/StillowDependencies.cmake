@@ -1,5 +1,10 @@
-# Every library here is a Debian package; docs/dependencies.md gives the reason for each.
+# Every library here is a Debian package, and on macOS one of Homebrew's; docs/dependencies.md gives the reason for each.
 
+if(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
+  # The extension runs where no library of another maker is loaded.
+  set(OPENSSL_USE_STATIC_LIBS ON)
+  find_package(CLI11 REQUIRED)
+endif()
 find_package(Threads REQUIRED)
 find_package(Boost 1.81 REQUIRED)
 find_package(OpenSSL 3 REQUIRED)

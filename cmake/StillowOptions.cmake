@@ -11,6 +11,9 @@ set(STILLOW_RUNTIME_DIRECTORY "/run/stillow" CACHE STRING "Directory of the daem
 set(CMAKE_CXX_STANDARD 23)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_OBJCXX_STANDARD 23)
+set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
+set(CMAKE_OBJCXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
@@ -25,6 +28,11 @@ target_compile_options(stillow_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
   $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wno-missing-field-initializers>
   $<$<CXX_COMPILER_ID:GNU>:-Wno-missing-field-initializers>)
+if(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
+  target_compile_options(stillow_options INTERFACE
+    -Wunguarded-availability
+    "$<$<COMPILE_LANGUAGE:OBJCXX>:SHELL:-fobjc-arc -Woverriding-method-mismatch -Wundeclared-selector>")
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC 12 warns about its own inlined std::string and std::variant code at -O2 (bugs 105329, 105562).
   target_compile_options(stillow_options INTERFACE

@@ -1,3 +1,15 @@
+if(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
+  # A build is signed for this Mac alone, under the identifier that it has when it is delivered;
+  # Packaging/Darwin/sign does the rest.
+  function(stillow_sign target identifier)
+    add_custom_command(
+      TARGET ${target} POST_BUILD
+      COMMAND codesign --force --sign - --identifier "${identifier}" "$<TARGET_FILE:${target}>"
+      VERBATIM)
+  endfunction()
+  return()
+endif()
+
 # Every executable that speaks to the daemon carries a signature beside it, in development builds
 # too, so that the daemon's check of its peers is never switched off. The build makes a key of its
 # own in the build tree; a key never leaves the tree that made it.
