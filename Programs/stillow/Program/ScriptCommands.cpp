@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include "Declarations.hpp"
-#include "PlatformLinuxText/LocalizedDate.hpp"
 #include "Session.hpp"
 #include "StillowAuthority/DurableCommitmentStore.hpp"
 #include "StillowClient/RemovalCheck.hpp"
@@ -26,9 +25,7 @@ int checkRemoval(bool asJSON) {
       .daemon = session.daemon(),
       .recoverCheckpoints = [&checkpoints] { return checkpoints.recover(); },
       .wallClock = now};
-  const auto formatted = [](core::Date date) {
-    return platform::localizedDateAndTime(date, platform::localeOfCaller());
-  };
+  const auto formatted = [&session](core::Date date) { return session.formatted(date); };
   leave(session.run(client::checkRemoval(std::move(sources), ::geteuid() == 0, formatted, std::cout,
                                          std::cerr, asJSON)));
 }

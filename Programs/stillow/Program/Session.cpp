@@ -10,30 +10,17 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "PlatformLinuxIPC/DaemonSocket.hpp"
-#include "PlatformLinuxPeer/RootDaemon.hpp"
 #include "StillowClient/RefusalText.hpp"
 #include "StillowConcurrency/Deadline.hpp"
 #include "StillowCore/JSONDocument.hpp"
 #include "StillowIPC/CodeSigningRequirement.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
-#include "StillowReach/ReachDiagnosis.hpp"
 
 namespace stillow::program {
 
 using client::ExitStatus;
 
 namespace {
-
-std::filesystem::path socketPath() {
-  return platform::daemonSocketPath(ipc::StillowDaemonService::machServiceName);
-}
-
-std::string explainUnreachable(const ipc::DaemonError& error) {
-  const auto finding = client::diagnoseReach({error, socketPath()});
-  if (!finding) return "";
-  return finding->sentence + "\n" + finding->nextStep + "\nTo check everything: stillow doctor";
-}
 
 client::TextStyle styleOf(int descriptor) {
   const char* const term = std::getenv("TERM");
@@ -89,21 +76,15 @@ const core::DomainNormalizer& normalizer() {
 UserCollection::UserCollection() : file(fileSystem, userDirectory(), client::lockDirectory) {}
 
 Session::Session(ipc::DaemonCallDeadlines deadlines)
-    : sleeper_(std::make_shared<platform::BoottimeSleeper>(context_.get_executor())),
-      connector_(std::make_shared<platform::UnixSocketDaemonConnector>(
-          platform::UnixSocketDaemonConnector::Dependencies{
-              .executor = context_.get_executor(),
-              .sleeper = sleeper_,
-              .socketPath = socketPath(),
-              .requireDaemon = platform::requireRootDaemon})),
+    : platform_(client::makeClientPlatform(context_.get_executor())),
       daemon_(ipc::XPCCommitmentAuthorityClient::make(
           {.executor = context_.get_executor(),
            .endpoint =
                ipc::Endpoint::machService{std::string(ipc::StillowDaemonService::machServiceName),
-                                          connector_},
+                                          platform_->daemonServices()},
            .requirement = ipc::CodeSigningRequirement::trustedPeers(),
            .deadlines = deadlines,
-           .wait = sleeper_})) {}
+           .wait = platform_->sleeper()})) {}
 
 client::Commands Session::commands() const {
   const auto readCollection = [] {
@@ -116,7 +97,9 @@ client::Commands Session::commands() const {
            .offset = client::localOffset(),
            .normalizer = normalizer,
            .readCollection = readCollection,
-           .explainUnreachable = explainUnreachable}};
+           .explainUnreachable = [platform = platform_](const ipc::DaemonError& error) {
+             return platform->explainUnreachable(error);
+           }}};
 }
 
 concurrency::Cancellation Session::endOnSignal() {
@@ -134,7 +117,8 @@ concurrency::Task<ExitStatus> Session::passThrough(std::string method,
   const auto limit = ipc::DaemonCallDeadlines::standard().enforcementValidation;
   const std::optional<std::expected<std::string, ipc::PlatformError>> line =
       co_await concurrency::within<std::expected<std::string, ipc::PlatformError>>(
-          limit, sleeper_, connector_->passThrough(std::move(method), std::move(params)));
+          limit, platform_->sleeper(),
+          platform_->passThrough(std::move(method), std::move(params)));
   if (!line) {
     const double seconds = std::chrono::duration<double>(limit).count();
     co_return commands().report(ipc::DaemonError::daemonDidNotAnswer{seconds});

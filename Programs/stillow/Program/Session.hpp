@@ -7,8 +7,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 
-#include "PlatformLinuxDaemon/BoottimeSleeper.hpp"
-#include "PlatformLinuxIPC/UnixSocketDaemonConnector.hpp"
+#include "StillowClient/ClientPlatform.hpp"
 #include "StillowClient/Commands.hpp"
 #include "StillowClient/Console.hpp"
 #include "StillowClient/SiteCollectionFile.hpp"
@@ -65,14 +64,15 @@ class Session {
   [[nodiscard]] const std::shared_ptr<ipc::XPCCommitmentAuthorityClient>& daemon() const {
     return daemon_;
   }
-  [[nodiscard]] const std::shared_ptr<platform::BoottimeSleeper>& sleeper() const {
-    return sleeper_;
+  [[nodiscard]] std::shared_ptr<concurrency::Sleeper> sleeper() const {
+    return platform_->sleeper();
   }
+  /// A moment as the person who runs the program writes it.
+  [[nodiscard]] std::string formatted(core::Date date) const { return platform_->formatted(date); }
 
  private:
   boost::asio::io_context context_{1};
-  std::shared_ptr<platform::BoottimeSleeper> sleeper_;
-  std::shared_ptr<platform::UnixSocketDaemonConnector> connector_;
+  std::shared_ptr<client::ClientPlatform> platform_;
   std::shared_ptr<ipc::XPCCommitmentAuthorityClient> daemon_;
   std::shared_ptr<void> signals_;
 };

@@ -1,0 +1,132 @@
+#include "PlatformDarwinClient/SystemCommands.hpp"
+
+#include <chrono>
+#include <iostream>
+#include <string>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+
+#include "PlatformDarwinInstallation/SMAppServices.hpp"
+#include "PlatformDarwinInstallation/SystemExtensionRequests.hpp"
+#include "StillowAuthority/DurableCommitmentStore.hpp"
+#include "StillowClient/ClientPlatform.hpp"
+#include "StillowClient/RemovalCheck.hpp"
+#include "StillowFiltering/Storage/PosixFileSystem.hpp"
+#include "StillowIPC/CodeSigningRequirement.hpp"
+#include "StillowIPC/DaemonRegistration.hpp"
+#include "StillowIPC/StillowDaemonService.hpp"
+#include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
+
+namespace stillow::platform {
+
+namespace {
+
+using ipc::DaemonRegistration;
+
+constexpr int exitDone = 0;
+constexpr int exitFailed = 1;
+constexpr int exitNoApplication = 2;
+
+void tellOfWaiting() {
+  std::cout << "Waiting for you to allow the extension in System Settings ▸ General ▸ Login Items "
+               "& Extensions ▸ Network Extensions.\n"
+            << std::flush;
+}
+
+/// True if it was done; says what became of it either way.
+bool tell(const char* what, const std::expected<SystemExtensionAnswer, std::string>& answer) {
+  if (!answer) {
+    std::cerr << what << ": " << answer.error() << '\n';
+    return false;
+  }
+  std::cout << what
+            << (*answer == SystemExtensionAnswer::done ? ": done.\n"
+                                                       : ": done, after a restart.\n");
+  return true;
+}
+
+int setUp() {
+  const auto bundle = applicationBundle();
+  if (!bundle || !DaemonRegistration::isDaemonProgramUsable(*bundle, propertyListText)) {
+    std::cerr << "This program does not lie in a complete Stillow.app.\n";
+    return exitNoApplication;
+  }
+  SMAppServices services;
+  // Anew, so that what lies in the application now is what runs.
+  const auto registered = DaemonRegistration::reregisterDaemon(services);
+  const auto state = DaemonRegistration::state(services);
+  if (state == DaemonRegistration::State::awaitingApproval) {
+    std::cout << "The daemon is registered. Allow it in System Settings ▸ General ▸ Login Items & "
+                 "Extensions.\n"
+              << std::flush;
+  } else if (!registered) {
+    std::cerr << "The daemon could not be registered: " << registered.error().description << '\n';
+    return exitFailed;
+  } else {
+    std::cout << "The daemon is registered.\n" << std::flush;
+  }
+  const auto activated =
+      activateSystemExtension(ipc::StillowDaemonService::filterBundleIdentifier, tellOfWaiting);
+  return tell("Activating the filter extension", activated) ? exitDone : exitFailed;
+}
+
+core::Date now() {
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
+}
+
+/// 0 if no Commitment is in the way; otherwise it was said what is.
+int checkRemoval() {
+  boost::asio::io_context context{1};
+  const auto platform = client::makeClientPlatform(context.get_executor());
+  const auto daemon = ipc::XPCCommitmentAuthorityClient::make(
+      {.executor = context.get_executor(),
+       .endpoint =
+           ipc::Endpoint::machService{std::string(ipc::StillowDaemonService::machServiceName),
+                                      platform->daemonServices()},
+       .requirement = ipc::CodeSigningRequirement::trustedPeers(),
+       .deadlines = ipc::DaemonCallDeadlines::quick(),
+       .wait = platform->sleeper()});
+  filtering::PosixFileSystem fileSystem;
+  const authority::DurableCommitmentStore checkpoints(fileSystem, STILLOW_STATE_DIRECTORY);
+  // Checkpoints that this user cannot read are a reason to stay: then nobody can tell.
+  constexpr bool mayReadWhatThereIs = true;
+  int ruling = exitFailed;
+  boost::asio::co_spawn(
+      context,
+      client::checkRemoval(
+          {.daemon = daemon,
+           .recoverCheckpoints = [&checkpoints] { return checkpoints.recover(); },
+           .wallClock = now},
+          mayReadWhatThereIs, [&platform](core::Date date) { return platform->formatted(date); },
+          std::cout, std::cerr),
+      [&](const std::exception_ptr& exception, int result) {
+        core::require(exception == nullptr, "an exception left a command");
+        ruling = result;
+        context.stop();
+      });
+  context.run();
+  daemon->invalidate();
+  return ruling;
+}
+
+int removeExtension() {
+  // The system would let it go at any time; we do not help to end a Commitment.
+  if (const int ruling = checkRemoval(); ruling != exitDone) return ruling;
+  const auto removed =
+      deactivateSystemExtension(ipc::StillowDaemonService::filterBundleIdentifier, tellOfWaiting);
+  return tell("Removing the filter extension", removed) ? exitDone : exitFailed;
+}
+
+}  // namespace
+
+void declareInstallationCommands(CLI::App& app, int& status) {
+  app.add_subcommand("setup", "Register the daemon and activate the filter; asks for your approval")
+      ->callback([&status] { status = setUp(); });
+  app.add_subcommand("remove-extension",
+                     "Deactivate the filter; the daemon's --uninstall has to come first")
+      ->callback([&status] { status = removeExtension(); });
+}
+
+}  // namespace stillow::platform
