@@ -6,16 +6,16 @@
 
 namespace stillow::client {
 
-using Result = core::DomainNormalizationResult;
+using Understood = core::DomainNormalizationResult;
 
-const core::Domain& blockedDomain(const Result& result) {
-  if (const auto* const already = core::getIf<Result::alreadyRegistrable>(result)) {
+const core::Domain& blockedDomain(const Understood& result) {
+  if (const auto* const already = core::getIf<Understood::alreadyRegistrable>(result)) {
     return already->domain;
   }
-  if (const auto* const reduced = core::getIf<Result::normalizedToRegistrable>(result)) {
+  if (const auto* const reduced = core::getIf<Understood::normalizedToRegistrable>(result)) {
     return reduced->registrable;
   }
-  return core::getIf<Result::narrowerSubdomain>(result)->narrow;
+  return core::getIf<Understood::narrowerSubdomain>(result)->narrow;
 }
 
 std::optional<core::Domain> blockedBy(const core::DomainSet& scope, const core::Domain& domain) {
@@ -30,20 +30,20 @@ std::optional<core::Domain> blockedBy(const core::DomainSet& scope, const core::
   }
 }
 
-std::string explanation(std::string_view text, const Result& result) {
+std::string explanation(std::string_view text, const Understood& result) {
   const std::string name = printable(blockedDomain(result).name());
   std::string lines = quoted(text) + " is understood as " + name + ".\n";
   lines += core::match(
       result,
-      [&](const Result::alreadyRegistrable&) {
+      [&](const Understood::alreadyRegistrable&) {
         return std::string(
             "That is a registrable domain: a whole site, as its owner registered it.\n");
       },
-      [&](const Result::normalizedToRegistrable&) {
+      [&](const Understood::normalizedToRegistrable&) {
         return std::string(
             "That is its registrable domain: the whole site, as its owner registered it.\n");
       },
-      [&](const Result::narrowerSubdomain& narrower) {
+      [&](const Understood::narrowerSubdomain& narrower) {
         const std::string registrable = printable(narrower.registrable.name());
         return "It is a part of the registrable domain " + registrable +
                ". To block all of that, name " + registrable + ".\n";
