@@ -19,14 +19,14 @@ using client::CollectionCommands;
 
 namespace {
 
-struct Given {
+struct GivenSites {
   std::vector<std::string> sites;
   std::vector<std::string> groups;
   std::string group;
   std::string file;
   bool asJSON = false;
 };
-using Shared = std::shared_ptr<Given>;
+using SharedSites = std::shared_ptr<GivenSites>;
 
 core::UUID randomUUID() {
   core::UUID uuid;
@@ -60,14 +60,14 @@ std::expected<std::string, std::string> readInput(const std::string& fileName) {
   return content;
 }
 
-CLI::App& addCommand(CLI::App& parent, const Shared& given, const char* name, const char* what) {
+CLI::App& addEdit(CLI::App& parent, const SharedSites& given, const char* name, const char* what) {
   CLI::App* const command = parent.add_subcommand(name, what);
   command->add_flag("--json", given->asJSON, "Print the collection; docs/client-json has its form");
   return *command;
 }
 
 template <class Command>
-void onceGiven(CLI::App& declared, int& status, const Shared& given, Command command) {
+void onceGiven(CLI::App& declared, int& status, const SharedSites& given, Command command) {
   declared.callback([&status, given, command] {
     UserCollection collection;
     const CollectionCommands commands(standardConsole(),
@@ -80,34 +80,34 @@ void onceGiven(CLI::App& declared, int& status, const Shared& given, Command com
   });
 }
 
-void addGroups(CLI::App& command, const Shared& given, const char* what) {
+void addGroups(CLI::App& command, const SharedSites& given, const char* what) {
   command.add_option("--group", given->groups, what)->type_name("NAME")->allow_extra_args(false);
 }
 
-void declareSites(CLI::App& app, int& status, const Shared& given) {
+void declareSites(CLI::App& app, int& status, const SharedSites& given) {
   CLI::App& sites = *app.add_subcommand("sites", "Keep a collection of sites to choose from");
   sites.require_subcommand(1);
 
-  CLI::App& add = addCommand(sites, given, "add", "Add sites to your collection");
+  CLI::App& add = addEdit(sites, given, "add", "Add sites to your collection");
   add.add_option("SITE", given->sites, "Sites, as typed or copied from a browser")->required();
   addGroups(add, given, "File them in a group of yours; may be repeated");
   onceGiven(add, status, given, [given](const CollectionCommands& commands) {
     return commands.addSites(given->sites, given->groups);
   });
 
-  CLI::App& remove = addCommand(sites, given, "remove", "Remove sites from your collection");
+  CLI::App& remove = addEdit(sites, given, "remove", "Remove sites from your collection");
   remove.add_option("SITE", given->sites, "Sites of your collection")->required();
   onceGiven(remove, status, given, [given](const CollectionCommands& commands) {
     return commands.removeSites(given->sites);
   });
 
-  CLI::App& list = addCommand(sites, given, "list", "Show your collection");
+  CLI::App& list = addEdit(sites, given, "list", "Show your collection");
   addGroups(list, given, "Only the sites of a group; may be repeated");
   onceGiven(list, status, given, [given](const CollectionCommands& commands) {
     return commands.listSites(given->groups);
   });
 
-  CLI::App& import = addCommand(sites, given, "import", "Add the sites of a file");
+  CLI::App& import = addEdit(sites, given, "import", "Add the sites of a file");
   import.add_option("FILE", given->file, "One site on each line; - is standard input")->required();
   addGroups(import, given, "File them in a group of yours; may be repeated");
   onceGiven(import, status, given, [given](const CollectionCommands& commands) {
@@ -115,34 +115,34 @@ void declareSites(CLI::App& app, int& status, const Shared& given) {
   });
 }
 
-void declareGroups(CLI::App& app, int& status, const Shared& given) {
+void declareGroups(CLI::App& app, int& status, const SharedSites& given) {
   CLI::App& groups = *app.add_subcommand("groups", "Keep groups of sites, to start with --group");
   groups.require_subcommand(1);
   const auto addGroup = [&](CLI::App& command) {
     command.add_option("NAME", given->group, "The group’s name")->required();
   };
 
-  CLI::App& add = addCommand(groups, given, "add", "Make a group, and file sites in it");
+  CLI::App& add = addEdit(groups, given, "add", "Make a group, and file sites in it");
   addGroup(add);
   add.add_option("SITE", given->sites, "Sites to file in it; new ones are added");
   onceGiven(add, status, given, [given](const CollectionCommands& commands) {
     return commands.addGroup(given->group, given->sites);
   });
 
-  CLI::App& remove = addCommand(groups, given, "remove", "Remove a group, or take sites out of it");
+  CLI::App& remove = addEdit(groups, given, "remove", "Remove a group, or take sites out of it");
   addGroup(remove);
   remove.add_option("SITE", given->sites, "Take only these out; they stay in your collection");
   onceGiven(remove, status, given, [given](const CollectionCommands& commands) {
     return commands.removeGroup(given->group, given->sites);
   });
 
-  CLI::App& list = addCommand(groups, given, "list", "Show your groups");
+  CLI::App& list = addEdit(groups, given, "list", "Show your groups");
   onceGiven(list, status, given,
             [](const CollectionCommands& commands) { return commands.listGroups(); });
 
-  CLI::App& import = addCommand(groups, given, "import",
-                                "Make a group where it is missing, and file the sites "
-                                "of a file in it");
+  CLI::App& import = addEdit(groups, given, "import",
+                             "Make a group where it is missing, and file the sites "
+                             "of a file in it");
   addGroup(import);
   import.add_option("FILE", given->file, "One site on each line; - is standard input")->required();
   onceGiven(import, status, given, [given](const CollectionCommands& commands) {
@@ -153,7 +153,7 @@ void declareGroups(CLI::App& app, int& status, const Shared& given) {
 }  // namespace
 
 void declareCollectionCommands(CLI::App& app, int& status) {
-  const auto given = std::make_shared<Given>();
+  const auto given = std::make_shared<GivenSites>();
   declareSites(app, status, given);
   declareGroups(app, status, given);
 }
