@@ -89,8 +89,8 @@ class View {
     } else {
       std::string text;
       for (const std::string& change : changesBetween(*last_, status)) {
-        text += wrapped(momentText(clock_(), clock_()) + "  " + change,
-                        console_.outStyle().columns, changeIndent) +
+        text += wrapped(momentText(clock_(), clock_()) + "  " + change, console_.outStyle().columns,
+                        changeIndent) +
                 "\n";
       }
       put(text);
