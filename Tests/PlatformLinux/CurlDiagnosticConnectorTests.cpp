@@ -15,6 +15,7 @@
 
 #include "NamespaceTesting.hpp"
 #include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
+#include "PlatformLinuxDaemon/DiagnosticExchange.hpp"
 #include "StillowCore/FileDescriptor.hpp"
 #include "TestSupport/DeterministicExecutor.hpp"
 #include "TestSupport/TemporaryDirectory.hpp"
@@ -61,7 +62,8 @@ class PrivateMachine {
   }
 
   /// The certificate that the server shows.
-  void issue(const std::string& authority, std::initializer_list<std::string> names) const {
+  void issue(const std::string& authority, std::initializer_list<std::string> names,
+             int days = 2) const {
     std::string alternatives;
     for (const auto& name : names) alternatives += (alternatives.empty() ? "DNS:" : ",DNS:") + name;
     const std::string stem = directory.path(authority);
@@ -72,8 +74,8 @@ class PrivateMachine {
         "-keyout " +
         folder + "/key.pem -out " + directory.path("request") + " 2>/dev/null");
     shell("openssl x509 -req -in " + directory.path("request") + " -CA " + stem + ".pem -CAkey " +
-          stem + ".key -CAcreateserial -days 2 -extfile " + directory.path("extensions") +
-          " -out " + folder + "/certificate.pem 2>/dev/null");
+          stem + ".key -CAcreateserial -days " + std::to_string(days) + " -extfile " +
+          directory.path("extensions") + " -out " + folder + "/certificate.pem 2>/dev/null");
   }
 
   /// Serves with `servers` as the inside of nginx's http block.
@@ -286,6 +288,78 @@ TEST(CurlDiagnosticConnector, failsWhereThereIsNoNetwork) {
     EXPECT_EQ(machine.connect("no such host"), connectionFailed);
     EXPECT_EQ(machine.connect(""), connectionFailed);
   });
+}
+
+using Failure = DiagnosticExchange::Failure;
+
+DiagnosticExchange exchange(const std::string& name = host,
+                            CertificateTimes times = CertificateTimes::verified) {
+  return exchangeDiagnostic(name, std::chrono::seconds(5), times);
+}
+
+core::Date now() {
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
+}
+
+TEST(DiagnosticExchange, tellsWhatTheServersClockSays) {
+  inOwnNamespaces([] {
+    PrivateMachine machine;
+    machine.serveAsPackaged();
+    const core::Date before = now();
+    const auto made = exchange();
+    EXPECT_EQ(made.outcome, answered);
+    EXPECT_EQ(made.failure, Failure::none);
+    EXPECT_EQ(made.httpStatus, 200);
+    ASSERT_TRUE(made.serverDate);
+    // Whole seconds, and the server's notion of now may be one old.
+    EXPECT_GE(*made.serverDate - before, -2.5);
+    EXPECT_LE(*made.serverDate - now(), 0.0);
+  });
+}
+
+TEST(DiagnosticExchange, tellsWhyNobodyAnswered) {
+  inOwnNamespaces([] {
+    PrivateMachine machine;
+    EXPECT_EQ(exchange().failure, Failure::notConnected);
+    EXPECT_EQ(exchange("nowhere.example").failure, Failure::nameNotResolved);
+    machine.serveLocation("return 444;");
+    EXPECT_EQ(exchange().failure, Failure::cut);
+    machine.issue("stranger", {host});
+    machine.serveAsPackaged();
+    EXPECT_EQ(exchange().failure, Failure::certificateNotTrusted);
+    machine.issue("trusted", {otherHost});
+    machine.serveAsPackaged();
+    EXPECT_EQ(exchange().failure, Failure::certificateNotTrusted);
+    EXPECT_FALSE(exchange().detail.empty());
+    machine.issue("trusted", {host});
+    machine.serveLocation("return 302 https://portal.example/;");
+    EXPECT_EQ(exchange().failure, Failure::none);
+    EXPECT_EQ(exchange().outcome, answeredByAnotherHost);
+    shell("rm /etc/ssl/certs/ca-certificates.crt");
+    EXPECT_EQ(exchange().failure, Failure::trustStoreUnusable);
+  });
+}
+
+TEST(DiagnosticExchange, looksThroughNothingButTheTimesOfACertificate) {
+  inOwnNamespaces([] {
+    PrivateMachine machine;
+    machine.issue("trusted", {host}, -1);
+    machine.serveAsPackaged();
+    EXPECT_EQ(exchange().failure, Failure::certificateOutsideItsTime);
+    EXPECT_EQ(exchange().outcome, connectionFailed);
+    EXPECT_FALSE(exchange().serverDate);
+    EXPECT_TRUE(exchange(host, CertificateTimes::ignored).serverDate);
+    EXPECT_EQ(exchange(otherHost, CertificateTimes::ignored).failure,
+              Failure::certificateNotTrusted);
+    machine.issue("stranger", {host}, -1);
+    machine.serveAsPackaged();
+    EXPECT_EQ(exchange(host, CertificateTimes::ignored).failure, Failure::certificateNotTrusted);
+  });
+}
+
+TEST(DiagnosticExchange, namesTheFileOfTheTrustedAuthorities) {
+  EXPECT_EQ(trustStorePath(), "/etc/ssl/certs/ca-certificates.crt");
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
 #include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
 
 #include <algorithm>
+#include <array>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 
+#include "PlatformLinuxDaemon/DiagnosticExchange.hpp"
 #include "StillowCore/Text.hpp"
 
 namespace stillow::platform {
@@ -94,26 +98,102 @@ bool isOwnAnswer(const Body& body, const std::string& host) {
          core::text::trimmingWhitespaceAndNewlines(body.text) == "ok " + host;
 }
 
-DiagnosticConnectionOutcome perform(const std::string& host, std::chrono::nanoseconds timeout) {
-  const EasyHandle handle = makeHandle();
-  if (!handle) return DiagnosticConnectionOutcome::connectionFailed;
-  const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(timeout).count();
-  Body body;
-  // No limit at all is what 0 would mean.
-  if (!configure(handle.get(), "https://" + host + "/", std::max<long>(milliseconds, 1), body)) {
-    return DiagnosticConnectionOutcome::connectionFailed;
+/// Called by libcurl before the handshake.
+CURLcode ignoreTimes(CURL*, void* context, void*) {
+  (void)::X509_VERIFY_PARAM_set_flags(::SSL_CTX_get0_param(static_cast<SSL_CTX*>(context)),
+                                      X509_V_FLAG_NO_CHECK_TIME);
+  return CURLE_OK;
+}
+
+using Failure = DiagnosticExchange::Failure;
+
+Failure certificateFailure(CURL* handle) {
+  long verified = X509_V_OK;
+  (void)::curl_easy_getinfo(handle, CURLINFO_SSL_VERIFYRESULT, &verified);
+  const bool isOutsideItsTime =
+      verified == X509_V_ERR_CERT_NOT_YET_VALID || verified == X509_V_ERR_CERT_HAS_EXPIRED;
+  return isOutsideItsTime ? Failure::certificateOutsideItsTime : Failure::certificateNotTrusted;
+}
+
+Failure failureOf(CURL* handle, CURLcode result) {
+  switch (result) {
+    case CURLE_OK:
+      return Failure::none;
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return Failure::nameNotResolved;
+    case CURLE_COULDNT_CONNECT:
+      return Failure::notConnected;
+    case CURLE_OPERATION_TIMEDOUT:
+      return Failure::tookTooLong;
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_GOT_NOTHING:
+      return Failure::cut;
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return certificateFailure(handle);
+    case CURLE_SSL_CACERT_BADFILE:
+      return Failure::trustStoreUnusable;
+    default:
+      return Failure::other;
   }
-  const CURLcode result = ::curl_easy_perform(handle.get());
-  if (body.isTooLong) return DiagnosticConnectionOutcome::answeredByAnotherHost;
-  if (result != CURLE_OK) return DiagnosticConnectionOutcome::connectionFailed;
-  long status = 0;
-  (void)::curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
-  return status == statusOK && isOwnAnswer(body, host)
-             ? DiagnosticConnectionOutcome::answered
-             : DiagnosticConnectionOutcome::answeredByAnotherHost;
+}
+
+std::optional<core::Date> serverDate(CURL* handle) {
+  ::curl_header* header = nullptr;
+  if (::curl_easy_header(handle, "Date", 0, CURLH_HEADER, -1, &header) != CURLHE_OK) {
+    return std::nullopt;
+  }
+  const auto seconds = ::curl_getdate(header->value, nullptr);
+  if (seconds < 0) return std::nullopt;
+  return core::Date::fromUnixSeconds(static_cast<double>(seconds));
 }
 
 }  // namespace
+
+DiagnosticExchange exchangeDiagnostic(const std::string& host, std::chrono::nanoseconds timeout,
+                                      CertificateTimes times) {
+  const EasyHandle handle = makeHandle();
+  if (!handle) return {.detail = "libcurl could not be set up"};
+  const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(timeout).count();
+  Body body;
+  std::array<char, CURL_ERROR_SIZE> words{};
+  // No limit at all is what 0 would mean.
+  bool isConfigured =
+      configure(handle.get(), "https://" + host + "/", std::max<long>(milliseconds, 1), body) &&
+      ::curl_easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, words.data()) == CURLE_OK;
+  if (times == CertificateTimes::ignored) {
+    isConfigured = isConfigured && ::curl_easy_setopt(handle.get(), CURLOPT_SSL_CTX_FUNCTION,
+                                                      &ignoreTimes) == CURLE_OK;
+  }
+  if (!isConfigured) return {.detail = "libcurl lacks an option"};
+  const CURLcode result = ::curl_easy_perform(handle.get());
+  DiagnosticExchange exchange;
+  (void)::curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &exchange.httpStatus);
+  exchange.serverDate = serverDate(handle.get());
+  if (body.isTooLong) {
+    exchange.failure = Failure::none;
+    exchange.outcome = DiagnosticConnectionOutcome::answeredByAnotherHost;
+    return exchange;
+  }
+  exchange.failure = failureOf(handle.get(), result);
+  if (result != CURLE_OK) {
+    exchange.detail = words[0] != '\0' ? words.data() : ::curl_easy_strerror(result);
+    // They may quote what the peer sent.
+    std::ranges::replace_if(
+        exchange.detail, [](char byte) { return byte < ' ' || byte > '~'; }, '?');
+    return exchange;
+  }
+  exchange.outcome = exchange.httpStatus == statusOK && isOwnAnswer(body, host)
+                         ? DiagnosticConnectionOutcome::answered
+                         : DiagnosticConnectionOutcome::answeredByAnotherHost;
+  return exchange;
+}
+
+std::string trustStorePath() {
+  const auto* const version = ::curl_version_info(CURLVERSION_NOW);
+  return version->cainfo == nullptr ? std::string() : version->cainfo;
+}
 
 CurlDiagnosticConnector::CurlDiagnosticConnector(
     std::shared_ptr<concurrency::BlockingExecutor> blocking)
@@ -121,8 +201,9 @@ CurlDiagnosticConnector::CurlDiagnosticConnector(
 
 Task<DiagnosticConnectionOutcome> CurlDiagnosticConnector::connect(
     std::string host, std::chrono::nanoseconds timeout) {
-  return concurrency::runBlocking(
-      blocking_, [host = std::move(host), timeout] { return perform(host, timeout); });
+  return concurrency::runBlocking(blocking_, [host = std::move(host), timeout] {
+    return exchangeDiagnostic(host, timeout).outcome;
+  });
 }
 
 }  // namespace stillow::platform
