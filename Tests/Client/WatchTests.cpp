@@ -38,6 +38,7 @@ struct WatchTest : testing::Test {
   std::shared_ptr<test::FakeDaemon> daemon = std::make_shared<test::FakeDaemon>();
   test::FakeTerminal terminal;
   concurrency::Cancellation enough;
+  concurrency::Channel<Suspension> suspensions{1};
   std::shared_ptr<std::optional<ExitStatus>> ended;
 
   void SetUp() override {
@@ -51,6 +52,7 @@ struct WatchTest : testing::Test {
          .sleeper = world.sleeper(),
          .clock = [this] { return start + std::chrono::duration<double>(world.now()).count(); },
          .enough = enough,
+         .suspensions = suspensions,
          .report = [](const ipc::DaemonError&) { return ExitStatus::unreachable; }},
         asJSON));
     world.runReady();
@@ -108,6 +110,20 @@ TEST_F(WatchTest, showsABarThatLivesBelowTheChanges) {
   end();
   EXPECT_EQ(news(), "\r\n\x1b[?25h");
   EXPECT_EQ(terminal.err.str(), "");
+}
+
+TEST_F(WatchTest, leavesTheTerminalInOrderWhenItIsPutAside) {
+  terminal.canRewrite = true;
+  terminal.style = {.columns = 80, .rows = 24, .hasColour = false, .showsBar = true};
+  begin();
+  push(activeStatus({"a.com"}, start, 600));
+  (void)news();
+  std::string before;
+  suspensions.give([&] { before = news(); });
+  world.runReady();
+  EXPECT_EQ(before, "\r\n\x1b[?25h");
+  EXPECT_TRUE(news().starts_with("\x1b[?25l  █")) << "on a line of its own, nothing is erased";
+  end();
 }
 
 TEST_F(WatchTest, printsOneRecordOnEachLine) {

@@ -9,7 +9,6 @@
 #include "StillowClient/LiveArea.hpp"
 #include "StillowClient/StatusText.hpp"
 #include "StillowClient/TimeText.hpp"
-#include "StillowConcurrency/Channel.hpp"
 #include "StillowCore/Coding.hpp"
 
 namespace stillow::client {
@@ -22,7 +21,7 @@ namespace {
 
 struct ConnectionLost {};
 struct SecondPassed {};
-using Event = std::variant<DaemonStatus, ConnectionLost, SecondPassed>;
+using Event = std::variant<DaemonStatus, ConnectionLost, SecondPassed, Suspension>;
 
 /// Room for what comes while a line is written; a status is a full snapshot, so if ever something
 /// is dropped the next one tells the whole truth.
@@ -55,6 +54,14 @@ Task<void> countSeconds(WatchCollaborators with, Events events) {
   }
 }
 
+Task<void> forwardSuspensions(WatchCollaborators with, Events events) {
+  while (true) {
+    std::optional<Suspension> suspension = co_await with.suspensions.next();
+    if (!suspension) co_return;
+    (void)events.give(Event(std::move(*suspension)));
+  }
+}
+
 /// What has been shown, and how.
 class View {
  public:
@@ -72,6 +79,9 @@ class View {
     } else if (std::holds_alternative<ConnectionLost>(event)) {
       isConnected_ = false;
       tell("The connection to the daemon was lost; waiting for it to come back.");
+    } else if (const auto* const suspend = std::get_if<Suspension>(&event)) {
+      leave();
+      (*suspend)();
     }
     redraw();
   }
@@ -150,9 +160,13 @@ Task<ExitStatus> watch(Console console, WatchCollaborators with, bool asJSON) {
   if (!first) co_return with.report(first.error());
   const concurrency::Executor executor = co_await boost::asio::this_coro::executor;
   const Events events(eventsMax);
-  const auto registration = with.enough.onCancel([events] { events.finish(); });
+  const auto registration = with.enough.onCancel([events, suspensions = with.suspensions] {
+    events.finish();
+    suspensions.finish();
+  });
   View view(console, with.clock, asJSON);
   concurrency::spawn(executor, follow(with, events));
+  concurrency::spawn(executor, forwardSuspensions(with, events));
   if (view.isLive()) concurrency::spawn(executor, countSeconds(with, events));
   while (!with.enough.isCancelled()) {
     std::optional<Event> event = co_await events.next();

@@ -7,6 +7,7 @@
 
 #include "StillowClient/Console.hpp"
 #include "StillowConcurrency/Cancellation.hpp"
+#include "StillowConcurrency/Channel.hpp"
 #include "StillowConcurrency/Sleeper.hpp"
 #include "StillowConcurrency/Task.hpp"
 #include "StillowCore/Date.hpp"
@@ -28,12 +29,18 @@ class ReconnectDelay {
   std::chrono::milliseconds delay_ = first;
 };
 
+/// Stops the process until somebody continues it.
+using Suspension = std::function<void()>;
+
 struct WatchCollaborators {
   std::shared_ptr<ipc::CommitmentAuthorityClient> daemon;
   std::shared_ptr<concurrency::Sleeper> sleeper;
   core::WallClock clock;
   /// Cancelled when the user has seen enough; that is how watching ends.
   concurrency::Cancellation enough;
+  /// Given when the user puts the program aside: the terminal is left in order first, and taken up
+  /// again on a line of its own afterwards.
+  concurrency::Channel<Suspension> suspensions{1};
   /// Why the daemon could not be reached in the first place.
   std::function<ExitStatus(const ipc::DaemonError&)> report;
 };

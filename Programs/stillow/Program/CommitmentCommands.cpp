@@ -58,6 +58,7 @@ int watchWith(Session& session, const Commands& commands, bool asJSON) {
       .sleeper = session.sleeper(),
       .clock = now,
       .enough = session.endOnSignal(),
+      .suspensions = session.suspendOnSignal(),
       .report = [&](const ipc::DaemonError& error) { return commands.report(error); }};
   return static_cast<int>(session.run(client::watch(standardConsole(), std::move(with), asJSON)));
 }

@@ -1,6 +1,7 @@
 #include "Session.hpp"
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
@@ -108,8 +109,32 @@ concurrency::Cancellation Session::endOnSignal() {
   signals->async_wait([enough](const boost::system::error_code& error, int) {
     if (!error) enough.cancel();
   });
-  signals_ = std::move(signals);
+  endSignals_ = std::move(signals);
   return enough;
+}
+
+namespace {
+
+void giveStops(std::weak_ptr<boost::asio::signal_set> weak,
+               const concurrency::Channel<client::Suspension>& suspensions) {
+  const auto signals = weak.lock();
+  if (!signals) return;
+  signals->async_wait([weak, suspensions](const boost::system::error_code& error, int) {
+    if (error) return;
+    // Not the signal that came: this process handles that one now.
+    (void)suspensions.give([] { (void)std::raise(SIGSTOP); });
+    giveStops(weak, suspensions);
+  });
+}
+
+}  // namespace
+
+concurrency::Channel<client::Suspension> Session::suspendOnSignal() {
+  const concurrency::Channel<client::Suspension> suspensions(1);
+  auto signals = std::make_shared<boost::asio::signal_set>(context_, SIGTSTP);
+  giveStops(signals, suspensions);
+  stopSignals_ = std::move(signals);
+  return suspensions;
 }
 
 concurrency::Task<ExitStatus> Session::passThrough(std::string method,

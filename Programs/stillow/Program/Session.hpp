@@ -11,6 +11,7 @@
 #include "StillowClient/Commands.hpp"
 #include "StillowClient/Console.hpp"
 #include "StillowClient/SiteCollectionFile.hpp"
+#include "StillowClient/Watch.hpp"
 #include "StillowConcurrency/Cancellation.hpp"
 #include "StillowCore/Invariant.hpp"
 #include "StillowFiltering/Storage/PosixFileSystem.hpp"
@@ -55,6 +56,8 @@ class Session {
 
   /// Cancelled by Ctrl-C and by what else asks a program to end, from this call on.
   [[nodiscard]] concurrency::Cancellation endOnSignal();
+  /// Given each time that Ctrl-Z is typed, from this call on.
+  [[nodiscard]] concurrency::Channel<client::Suspension> suspendOnSignal();
 
   [[nodiscard]] client::Commands commands() const;
   /// One call as it is; prints the daemon's line.
@@ -74,7 +77,8 @@ class Session {
   boost::asio::io_context context_{1};
   std::shared_ptr<client::ClientPlatform> platform_;
   std::shared_ptr<ipc::XPCCommitmentAuthorityClient> daemon_;
-  std::shared_ptr<void> signals_;
+  std::shared_ptr<void> endSignals_;
+  std::shared_ptr<void> stopSignals_;
 };
 
 /// Ends the program with `status`, without tearing down what a stream may still refer to.

@@ -217,6 +217,20 @@ class Watching(TerminalTestCase):
         self.assertEqual(terminal.end(), 0)
         self.assertTrue(terminal.screen().shows_cursor)
 
+    def test_leaves_the_terminal_in_order_while_it_is_put_aside(self):
+        self.serve()
+        terminal = self.open("watch")
+        terminal.wait_for("No Commitment is active.")
+        terminal.type("\x1a")
+        at = terminal.wait_for("\x1b[?25h")
+        terminal.wait_until_stopped()
+        self.assertTrue(terminal.screen().shows_cursor)
+        terminal.send_signal(signal.SIGCONT)
+        terminal.wait_for("No Commitment is active.", at)
+        self.assertFalse(terminal.screen().shows_cursor)
+        terminal.type("\x03")
+        self.assertEqual(terminal.end(), 0)
+
     def test_stays_in_its_place_in_a_narrow_terminal(self):
         self.serve()
         self.begin()

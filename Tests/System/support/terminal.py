@@ -12,7 +12,7 @@ import termios
 import time
 import unicodedata
 
-from processes import HANG_SECONDS, WaitingFailed
+from processes import HANG_SECONDS, WaitingFailed, wait_until
 
 _SEQUENCE = re.compile(r"\x1b\[([0-9;?]*)([A-Za-z])")
 
@@ -148,6 +148,13 @@ class Terminal:
 
     def send_signal(self, number):
         self._process.send_signal(number)
+
+    def wait_until_stopped(self):
+        def is_stopped():
+            with open(f"/proc/{self._process.pid}/stat", encoding="utf-8") as file:
+                return file.read().rpartition(")")[2].split()[0] == "T"
+
+        wait_until(is_stopped, "the program to be stopped")
 
     def end(self):
         """What it ends with, once it does."""
