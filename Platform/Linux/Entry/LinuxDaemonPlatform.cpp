@@ -1,6 +1,5 @@
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -21,6 +20,7 @@
 #include "PlatformLinuxDaemon/ContinuousMonotonicTimeSource.hpp"
 #include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
 #include "PlatformLinuxDaemon/NetfilterConfiguration.hpp"
+#include "PlatformLinuxDaemon/ServiceWatchdog.hpp"
 #include "PlatformLinuxDaemon/SystemFilterPathObserver.hpp"
 #include "PlatformLinuxDaemon/SystemNetworkPathObserver.hpp"
 #include "PlatformLinuxDaemon/SystemProjectionInvalidationSource.hpp"
@@ -163,22 +163,19 @@ class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
 
   void noteServing(std::shared_ptr<Daemon> served) override {
     (void)::sd_notify(0, "READY=1");  // without a service manager there is nobody to tell
-    std::uint64_t microseconds = 0;
-    if (::sd_watchdog_enabled(0, &microseconds) <= 0) return;
-    concurrency::spawn(executor(), feedWatchdog(sleeper_, std::move(served),
-                                                std::chrono::microseconds(microseconds / 3)));
+    const auto interval = ServiceWatchdog::interval();
+    if (!interval) return;
+    // A daemon whose authority does not answer is as good as dead, whatever else still turns.
+    concurrency::spawn(
+        executor(), ServiceWatchdog::feed({.sleeper = sleeper_,
+                                           .roundTrip = [served] { return askAuthority(served); },
+                                           .giveSign = ServiceWatchdog::notifyManager,
+                                           .interval = *interval}));
   }
 
  private:
-  /// A daemon whose authority does not answer is as good as dead, whatever else still turns.
-  static concurrency::Task<void> feedWatchdog(std::shared_ptr<concurrency::Sleeper> sleeper,
-                                              std::shared_ptr<Daemon> served,
-                                              std::chrono::microseconds interval) {
-    while (true) {
-      (void)co_await served->authority()->status();
-      (void)::sd_notify(0, "WATCHDOG=1");
-      (void)co_await sleeper->sleep(interval, {});
-    }
+  static concurrency::Task<void> askAuthority(std::shared_ptr<Daemon> served) {
+    (void)co_await served->authority()->status();
   }
 
   static std::filesystem::path socketPath() {
