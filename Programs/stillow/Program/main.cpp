@@ -2,13 +2,15 @@
 
 #include "Declarations.hpp"
 #include "Session.hpp"
+#include "StillowDoctor/Doctor.hpp"
 
 namespace {
 
 constexpr const char* exitStatusHelp =
     "Exit status: 0 done; 1 refused by the daemon, or its test of the block failed; 2 bad input; "
     "3 the daemon could not be reached; 4 nobody said yes; 5 your sites could not be read or "
-    "saved. Of removal-check: 0 may be removed; 3 has to stay; 77 not root.";
+    "saved. Of doctor: 0 all is well; 1 something is wrong. Of removal-check: 0 may be removed; 3 "
+    "has to stay; 77 not root.";
 
 }  // namespace
 
@@ -23,6 +25,7 @@ int main(int argc, char** argv) {
   program::declareCommitmentCommands(app, status);
   program::declareCollectionCommands(app, status);
   program::declareScriptCommands(app, status);
+  doctor::addDoctorCommand(app, status);
 
   try {
     app.parse(argc, argv);

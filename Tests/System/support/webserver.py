@@ -82,6 +82,10 @@ http {{
         """One line for each request that was answered: host, protocol, path."""
         return self._access_log.read_text(encoding="utf-8").splitlines()
 
+    def stop(self):
+        """Nobody answers any more."""
+        self._process.stop()
+
     def reload(self):
         """Has nginx read its configuration again; returns when the new one answers."""
         before = (self._directory / "error.log").read_text(errors="replace").count("reconfiguring")
