@@ -96,7 +96,8 @@ CollectionCommands::Domains CollectionCommands::understandInput(const std::strin
   if (!content) return std::unexpected(Refusals{content.error()});
   auto domains = understandFile(with_.normalizer(), *content, fileName);
   if (domains && domains->empty()) {
-    return std::unexpected(Refusals{quoted(fileName) + " names no site: write one on each line."});
+    return std::unexpected(
+        Refusals{client::quoted(fileName) + " names no site: write one on each line."});
   }
   if (!domains)
     domains.error().emplace_back("Nothing was imported. Mend these lines and try again.");
@@ -130,7 +131,7 @@ ExitStatus CollectionCommands::removeSites(const std::vector<std::string>& sites
     Refusals refusals;
     for (const core::Domain& domain : *domains) {
       if (collection.websiteOf(domain) == nullptr) {
-        refusals.push_back(quoted(domain.name()) +
+        refusals.push_back(client::quoted(domain.name()) +
                            " is none of your sites; see them with: " + "stillow sites list");
       }
     }
@@ -184,10 +185,10 @@ ExitStatus CollectionCommands::fileInGroup(const std::string& group, const Domai
     std::string text;
     if (collection.groupNamed(*name) == nullptr) {
       collection.groups.push_back({core::Group::ID{with_.makeUUID()}, *name});
-      text = "Made the group " + quoted(*name) + ".";
+      text = "Made the group " + client::quoted(*name) + ".";
       if (domains->empty()) return text;
     } else if (domains->empty()) {
-      return "Nothing to do: the group " + quoted(*name) + " is there already.";
+      return "Nothing to do: the group " + client::quoted(*name) + " is there already.";
     }
     core::GroupIDSet ids;
     ids.insert(collection.groupNamed(*name)->id);
@@ -214,20 +215,21 @@ ExitStatus CollectionCommands::removeGroup(const std::string& group,
     if (!found) return std::unexpected(Refusals{found.error()});
     if (domains->empty()) {
       collection.removeGroup(found->id);
-      return "Removed the group " + quoted(found->name) + ". Its sites stay in your collection.";
+      return "Removed the group " + client::quoted(found->name) +
+             ". Its sites stay in your collection.";
     }
     Refusals refusals;
     for (const core::Domain& domain : *domains) {
       const core::Website* const website = collection.websiteOf(domain);
       if (website == nullptr || !website->groups.contains(found->id)) {
-        refusals.push_back(quoted(domain.name()) + " is not in the group " + quoted(found->name) +
-                           "; see what is with: stillow sites list --group " +
-                           printable(found->name));
+        refusals.push_back(
+            client::quoted(domain.name()) + " is not in the group " + client::quoted(found->name) +
+            "; see what is with: stillow sites list --group " + printable(found->name));
       }
     }
     if (!refusals.empty()) return std::unexpected(std::move(refusals));
     return "Took " + counted(collection.removeFromGroup(*domains, found->id), "site") +
-           " out of the group " + quoted(found->name) + ".";
+           " out of the group " + client::quoted(found->name) + ".";
   });
 }
 

@@ -153,7 +153,8 @@ Task<ExitStatus> Commands::start(SelectionWords words, EndRequest end, CommandOp
   const core::Date now = with_.clock();
   const auto duration = core::CommitmentDuration::fromSeconds(endFrom(now) - now);
   if (!duration) {
-    co_return refuse({quoted(end.until) + " has passed meanwhile, so nothing was started."});
+    co_return refuse(
+        {client::quoted(end.until) + " has passed meanwhile, so nothing was started."});
   }
   ipc::ActivationRequest request{std::move(selection->selected),
                                  std::move(selection->collectionSnapshot), *duration};
@@ -207,7 +208,7 @@ Task<ExitStatus> Commands::extend(EndRequest request, CommandOptions options) {
     seconds = parseSeconds(request.duration);
     if (seconds && !(*seconds > 0 && *seconds <= core::CommitmentDuration::secondsMax)) {
       seconds = std::unexpected(
-          quoted(request.duration) +
+          client::quoted(request.duration) +
           " is not possible: an end moves by more than 0 seconds and at most 24 hours.");
     }
   } else {

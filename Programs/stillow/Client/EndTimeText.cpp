@@ -149,7 +149,7 @@ std::string gapSentence(std::string_view text, Reading reading, const LocalOffse
     const double middle = std::floor((before + after) / 2);
     (offset(momentOf(middle, 0)) == offsetBefore ? before : after) = middle;
   }
-  return quoted(text) + " does not exist on " + dayText(reading) +
+  return client::quoted(text) + " does not exist on " + dayText(reading) +
          ": the clock is put forward from " + clockText(after + offsetBefore) + " to " +
          clockText(after + offsetAfter) + " then.";
 }
@@ -168,7 +168,7 @@ Ahead ahead(Reading reading, core::Date now, const LocalOffset& offset) {
 }
 
 std::string formSentence(std::string_view text) {
-  return quoted(text) +
+  return client::quoted(text) +
          " is no time: write 18:00, 2026-11-21T18:00 or, with an offset, 2026-11-21T18:00+01:00.";
 }
 
@@ -207,11 +207,11 @@ std::expected<core::Date, std::string> parseEndTime(std::string_view text, core:
     }
   }
   if (!end.moment || !(*end.moment > now)) {
-    return std::unexpected(quoted(text) +
+    return std::unexpected(client::quoted(text) +
                            " is in the past: an end lies ahead, by at most 24 hours.");
   }
   if (!(*end.moment - now <= core::CommitmentDuration::secondsMax)) {
-    return std::unexpected(quoted(text) +
+    return std::unexpected(client::quoted(text) +
                            " is too far ahead: an end lies at most 24 hours from now, so by " +
                            momentText(now + core::CommitmentDuration::secondsMax, now) + ".");
   }

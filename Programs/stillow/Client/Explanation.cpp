@@ -32,7 +32,7 @@ std::optional<core::Domain> blockedBy(const core::DomainSet& scope, const core::
 
 std::string explanation(std::string_view text, const Understood& result) {
   const std::string name = printable(blockedDomain(result).name());
-  std::string lines = quoted(text) + " is understood as " + name + ".\n";
+  std::string lines = client::quoted(text) + " is understood as " + name + ".\n";
   lines += core::match(
       result,
       [&](const Understood::alreadyRegistrable&) {

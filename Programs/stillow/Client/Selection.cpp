@@ -26,7 +26,7 @@ std::vector<core::Group::ID> groupsOf(const std::vector<std::string>& names,
         collection.websites,
         [&](const core::Website& website) { return website.groups.contains(group->id); });
     if (!hasSite) {
-      refusals.push_back("The group " + quoted(group->name) +
+      refusals.push_back("The group " + client::quoted(group->name) +
                          " is empty; file a site in it with: stillow groups add " +
                          printable(group->name) + " SITE");
     }

@@ -70,8 +70,8 @@ std::expected<SiteCollection, std::string> SiteCollection::decoded(std::string_v
       return other.id == group->id || core::text::areCanonicallyEqual(other.name, group->name);
     };
     if (std::find_if(collection->groups.begin(), group, isSame) != group) {
-      return std::unexpected("it is damaged: two groups are the same, " + quoted(group->name) +
-                             ".");
+      return std::unexpected("it is damaged: two groups are the same, " +
+                             client::quoted(group->name) + ".");
     }
   }
   normalize(collection->websites);
@@ -157,11 +157,12 @@ std::expected<std::string, std::string> understandGroupName(std::string_view tex
   const std::string_view name = core::text::trimmingWhitespaceAndNewlines(text);
   if (name.empty()) return std::unexpected("An empty text names no group; write a word.");
   if (!isPrintable(name)) {
-    return std::unexpected(quoted(name) +
+    return std::unexpected(client::quoted(name) +
                            " names no group: it has characters that cannot be shown.");
   }
   if (codePointCount(name) > SiteCollection::groupNameCodePointsMax) {
-    return std::unexpected(quoted(shortened(name, 40)) + " names no group: a name has at most " +
+    return std::unexpected(client::quoted(shortened(name, 40)) +
+                           " names no group: a name has at most " +
                            std::to_string(SiteCollection::groupNameCodePointsMax) + " characters.");
   }
   return core::text::canonicallyComposed(name);
@@ -171,7 +172,7 @@ std::expected<core::Group, std::string> understandGroup(const SiteCollection& co
                                                         std::string_view text) {
   const std::string_view name = core::text::trimmingWhitespaceAndNewlines(text);
   if (const core::Group* const group = collection.groupNamed(name)) return *group;
-  return std::unexpected(quoted(text) +
+  return std::unexpected(client::quoted(text) +
                          " is none of your groups; see them with: stillow groups list");
 }
 

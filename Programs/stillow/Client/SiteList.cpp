@@ -15,7 +15,7 @@ using core::DomainNormalizationError;
 using core::DomainNormalizationResult;
 
 std::string siteRefusal(std::string_view text, const DomainNormalizationError& error) {
-  const std::string input = quoted(text) + " ";
+  const std::string input = client::quoted(text) + " ";
   return core::match(
       error,
       [&](const DomainNormalizationError::invalidHostname&) {
@@ -43,10 +43,10 @@ bool coversValidationHosts(const core::Domain& domain) {
 
 std::string domainRefusal(std::string_view text, const core::Domain& domain) {
   if (coversValidationHosts(domain)) {
-    return quoted(text) + " would cover the hosts that Stillow tests its own filter with.";
+    return client::quoted(text) + " would cover the hosts that Stillow tests its own filter with.";
   }
   if (!isPrintable(domain.name())) {
-    return quoted(text) + " is not a host name: it has characters that cannot be shown.";
+    return client::quoted(text) + " is not a host name: it has characters that cannot be shown.";
   }
   return "";
 }
