@@ -1,8 +1,13 @@
 #pragma once
 
+#include <algorithm>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "StillowCore/ValidationHosts.hpp"
 #include "StillowDoctor/Judging.hpp"
@@ -102,6 +107,52 @@ inline void stopDaemon(Observations& seen, client::ReachCause cause) {
   seen.status = std::unexpected(ipc::DaemonError::daemonUnavailable{"No."});
   seen.reach = client::ReachFinding{cause, "It is not reached.", "Reach for it."};
   seen.validation.reset();
+}
+
+inline Finding findingOf(const Report& report, std::string_view check) {
+  const auto found = std::ranges::find(report.findings, check, &Finding::check);
+  EXPECT_NE(found, report.findings.end()) << check;
+  return found == report.findings.end() ? Finding{} : *found;
+}
+
+/// What is not ok, as "check", "check?" (warning), "check-" (not checked), "check<cause".
+inline std::vector<std::string> troubles(const Report& report) {
+  std::vector<std::string> list;
+  for (const Finding& finding : report.findings) {
+    if (finding.state == FindingState::ok) continue;
+    std::string text = finding.check;
+    if (finding.state == FindingState::warning) text += '?';
+    if (finding.state == FindingState::notChecked) text += '-';
+    if (finding.consequenceOf) text += "<" + *finding.consequenceOf;
+    list.push_back(text);
+  }
+  return list;
+}
+
+struct Row {
+  const char* what;
+  Observations machine;
+  std::vector<std::string> expected;
+  std::function<void(Observations&)> breakIt;
+};
+
+inline void expectRows(std::vector<Row> rows) {
+  for (Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    row.breakIt(row.machine);
+    const Report report = judge(row.machine);
+    EXPECT_EQ(troubles(report), row.expected);
+    for (const Finding& finding : report.findings) {
+      EXPECT_FALSE(finding.meaning.empty()) << finding.check;
+      if (finding.state == FindingState::notChecked) continue;
+      EXPECT_EQ(finding.action.has_value(), finding.isWrong() && !finding.consequenceOf)
+          << finding.check;
+    }
+  }
+}
+
+inline ipc::DaemonStatus failedValidation(core::EnforcementValidationFailure failure) {
+  return idleStatus(Validation::failed{failure});
 }
 
 }  // namespace stillow::doctor::testing
