@@ -117,7 +117,7 @@ class PrivateMachine {
   }
 
   DiagnosticConnectionOutcome connect(const std::string& name = host,
-                                      std::chrono::nanoseconds timeout = std::chrono::seconds(5)) {
+                                      std::chrono::nanoseconds timeout = std::chrono::seconds(60)) {
     return executor.run(connector.connect(name, timeout));
   }
 
@@ -294,7 +294,7 @@ using Failure = DiagnosticExchange::Failure;
 
 DiagnosticExchange exchange(const std::string& name = host,
                             CertificateTimes times = CertificateTimes::verified) {
-  return exchangeDiagnostic(name, std::chrono::seconds(5), times);
+  return exchangeDiagnostic(name, std::chrono::seconds(60), times);
 }
 
 core::Date now() {
