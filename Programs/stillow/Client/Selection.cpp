@@ -1,6 +1,8 @@
 #include "StillowClient/Selection.hpp"
 
 #include <algorithm>
+#include <compare>
+#include <iterator>
 #include <utility>
 
 #include "StillowClient/TextLayout.hpp"
@@ -42,8 +44,12 @@ bool isSelected(const core::Website& website, const SelectionWords& words,
          });
 }
 
+/// Of two that are the same, the one with a note stays: that is what the user should see.
 void sortAndUnite(std::vector<TypedSite>& sites) {
-  std::ranges::stable_sort(sites, {}, &TypedSite::domain);
+  std::ranges::sort(sites, [](const TypedSite& left, const TypedSite& right) {
+    const std::weak_ordering order = left.domain <=> right.domain;
+    return order == 0 ? !left.note.empty() && right.note.empty() : order < 0;
+  });
   const auto duplicates = std::ranges::unique(sites, {}, &TypedSite::domain);
   sites.erase(duplicates.begin(), duplicates.end());
 }
@@ -101,8 +107,7 @@ std::expected<Selection, SelectionError> understandSelection(
   } else {
     for (const TypedSite& site : *typed) result.collectionSnapshot.push_back({site.domain, {}});
   }
-  // The typed ones first: their notes are what the user should see.
-  result.sites.insert(result.sites.begin(), typed->begin(), typed->end());
+  std::ranges::move(*typed, std::back_inserter(result.sites));
   sortAndUnite(result.sites);
   return result;
 }

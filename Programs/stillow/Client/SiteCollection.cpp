@@ -22,7 +22,7 @@ bool isBefore(const core::Website& left, const core::Website& right) {
 
 /// Sorted, each domain once and in all of its groups.
 void normalize(std::vector<core::Website>& websites) {
-  std::ranges::stable_sort(websites, isBefore);
+  std::ranges::sort(websites, isBefore);
   std::vector<core::Website> unique;
   unique.reserve(websites.size());
   for (core::Website& website : websites) {
@@ -124,9 +124,8 @@ SiteCollection::Change SiteCollection::add(std::vector<core::Domain> domains,
     if (found->groups.size() != before) ++change.changed;
   }
   change.added = missing.size();
-  const auto middle = std::ssize(websites);
   std::ranges::move(missing, std::back_inserter(websites));
-  std::ranges::inplace_merge(websites, websites.begin() + middle, isBefore);
+  std::ranges::sort(websites, isBefore);
   return change;
 }
 
