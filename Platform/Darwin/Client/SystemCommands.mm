@@ -1,9 +1,9 @@
-#include "PlatformDarwinClient/SystemCommands.hpp"
-
+/// What the client has on macOS only: what an application there needs to be installed and removed.
 #include <chrono>
 #include <iostream>
 #include <string>
 
+#include <CLI/CLI.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 
@@ -121,12 +121,16 @@ int removeExtension() {
 
 }  // namespace
 
-void declareInstallationCommands(CLI::App& app, int& status) {
+}  // namespace stillow::platform
+
+namespace stillow::client {
+
+void declareSystemCommands(CLI::App& app, int& status) {
   app.add_subcommand("setup", "Register the daemon and activate the filter; asks for your approval")
-      ->callback([&status] { status = setUp(); });
+      ->callback([&status] { status = platform::setUp(); });
   app.add_subcommand("remove-extension",
                      "Deactivate the filter; the daemon's --uninstall has to come first")
-      ->callback([&status] { status = removeExtension(); });
+      ->callback([&status] { status = platform::removeExtension(); });
 }
 
-}  // namespace stillow::platform
+}  // namespace stillow::client

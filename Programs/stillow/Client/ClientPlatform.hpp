@@ -12,6 +12,10 @@
 #include "StillowIPC/DaemonError.hpp"
 #include "StillowIPC/PlatformError.hpp"
 
+namespace CLI {
+class App;
+}
+
 namespace stillow::client {
 
 /// What the program asks of the system. One implementation per system, chosen at link time.
@@ -43,5 +47,9 @@ class ClientPlatform {
 
 /// Defined by the platform. `executor` belongs to an io_context.
 [[nodiscard]] std::unique_ptr<ClientPlatform> makeClientPlatform(concurrency::Executor executor);
+
+/// Defined by the platform. Declares the commands that only this system has; the one that is given
+/// leaves its exit status in `status`.
+void declareSystemCommands(CLI::App& app, int& status);
 
 }  // namespace stillow::client

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/random.h>
 #include <unistd.h>
 
 #include "Declarations.hpp"

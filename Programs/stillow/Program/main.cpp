@@ -2,7 +2,7 @@
 
 #include "Declarations.hpp"
 #include "Session.hpp"
-#include "StillowDoctor/Doctor.hpp"
+#include "StillowClient/ClientPlatform.hpp"
 
 namespace {
 
@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
   program::declareCommitmentCommands(app, status);
   program::declareCollectionCommands(app, status);
   program::declareScriptCommands(app, status);
-  doctor::addDoctorCommand(app, status);
+  client::declareSystemCommands(app, status);
 
   try {
     app.parse(argc, argv);
