@@ -79,6 +79,12 @@ def _enter(namespace_file):
         raise OSError(ctypes.get_errno(), "setns")
 
 
+def enter_network_of(pid):
+    """Sockets that this thread makes from now on belong to the network of process `pid`."""
+    with open(f"/proc/{pid}/ns/net", "rb") as there:
+        _enter(there)
+
+
 class PrivateRoot:
     """The machine's file tree with some directories exchanged, for a command that is to see it so:
     namespace.run(*private_root.command("program", "argument")).
