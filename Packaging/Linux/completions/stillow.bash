@@ -53,6 +53,7 @@ _stillow()
             start) options+=' --group --all --for --until --yes' ;;
             add) options+=' --group --all --yes' ;;
             extend) options+=' --by --until --yes' ;;
+            status) options+=' --watch' ;;
             sites) [[ $edit == remove ]] || options+=' --group' ;;
         esac
         COMPREPLY=($(compgen -W "$options" -- "$cur"))

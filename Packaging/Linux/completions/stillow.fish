@@ -34,6 +34,7 @@ complete --command stillow --condition '__fish_seen_subcommand_from start' --lon
 complete --command stillow --condition '__fish_seen_subcommand_from extend' --long-option by --exclusive --arguments '15m 30m 45m 60m' --description 'By how much'
 complete --command stillow --condition '__fish_seen_subcommand_from start extend' --long-option until --exclusive --description 'Until when'
 complete --command stillow --condition '__fish_seen_subcommand_from start add extend; and not __fish_seen_subcommand_from sites groups' --long-option yes --description 'Do not ask'
+complete --command stillow --condition '__fish_seen_subcommand_from status' --long-option watch --description 'Go on'
 
 complete --command stillow --condition '__fish_seen_subcommand_from start add explain remove' --arguments '(__stillow_names domain sites)'
 complete --command stillow --condition '__fish_seen_subcommand_from groups; and __fish_seen_subcommand_from add remove import' --arguments '(__stillow_names name groups)'

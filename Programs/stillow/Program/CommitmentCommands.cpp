@@ -18,6 +18,7 @@ struct Given {
   client::EndRequest end;
   client::CommandOptions options;
   std::string site;
+  bool isWatching = false;
 };
 using Shared = std::shared_ptr<Given>;
 
@@ -95,15 +96,23 @@ void declareCommitmentCommands(CLI::App& app, int& status) {
             [given](Commands& commands) { return commands.extend(given->end, given->options); });
 
   CLI::App& show = addCommand(app, given, "status", "Show what is blocked and for how long");
-  onceGiven(show, status, [given](Commands& commands) { return commands.status(given->options); });
-
-  CLI::App& watch =
-      addCommand(app, given, "watch", "Show the time that is left and every change, until Ctrl-C");
-  watch.callback([&status, given] {
+  show.add_flag("--watch", given->isWatching, "Go on, as the command watch does");
+  const auto watchOn = [&status, given] {
     Session session;
     status = watchWith(session, session.commands(), given->options.asJSON);
     leave(status);
+  };
+  show.callback([&status, given, watchOn] {
+    if (given->isWatching) watchOn();
+    Session session;
+    Commands commands = session.commands();
+    status = static_cast<int>(session.run(commands.status(given->options)));
+    leave(status);
   });
+
+  CLI::App& watch =
+      addCommand(app, given, "watch", "Show the time that is left and every change, until Ctrl-C");
+  watch.callback(watchOn);
 
   CLI::App& acknowledge =
       addCommand(app, given, "acknowledge", "Clear the message of a Commitment that has ended");

@@ -253,7 +253,7 @@ class Watching(TerminalTestCase):
     def test_tells_of_the_end(self):
         self.serve()
         self.begin("6s")
-        terminal = self.open("watch")
+        terminal = self.open("status", "--watch")  # the same as watch
         terminal.wait_for("The Commitment has ended. Clear this with: stillow acknowledge")
         terminal.wait_for("The Commitment ended at")
         self.machine.stillow("acknowledge")
