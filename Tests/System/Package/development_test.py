@@ -11,6 +11,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "support"))
 
 from debianmachine import DebianMachine, debian_tree, dependencies
 from packagefile import the_package
+from processes import wait_until
 
 LABEL = "com.larchmoor.Stillow.daemon"
 FILTER_LABEL = "com.larchmoor.Stillow.filter"
@@ -60,7 +61,9 @@ class DevelopmentInstall(unittest.TestCase):
     def test_goes_from_the_service_manager_and_from_the_disk(self):
         self.machine.run("systemctl", "enable", "--now", f"{FILTER_LABEL}.service",
                          f"{LABEL}.service")
-        self.machine.run(f"{LIBRARY}/StillowDaemon", "--report-status")
+        # A busy machine may take longer than the daemon is given for an answer.
+        wait_until(lambda: self.machine.run(f"{LIBRARY}/StillowDaemon", "--report-status",
+                                            check=False).returncode == 0, "the daemon to answer")
         self.assert_prints(
             self.uninstall(),
             "Removed Stillow’s content filter configuration.",
