@@ -24,6 +24,6 @@ struct OwnSignature {
 /// requirement, the anchor that belongs to this executable. Blocks, for `limit` at the most. A
 /// daemon of another build has an anchor of its own and may still refuse what is trusted here.
 [[nodiscard]] OwnSignature checkOwnSignature(
-    std::chrono::nanoseconds limit = std::chrono::seconds(2));
+    std::chrono::nanoseconds limit = std::chrono::seconds(10));
 
 }  // namespace stillow::client

@@ -50,7 +50,7 @@ struct ReachObservation {
 };
 
 /// Finds out what `target` does not say itself; none if the daemon was reached, whatever it
-/// answered. Blocks for about two seconds at the most.
+/// answered. Blocks for about ten seconds at the most.
 [[nodiscard]] std::optional<ReachObservation> observeReach(const ReachTarget& target);
 
 [[nodiscard]] ReachFinding judgeReach(const ReachObservation& observation);

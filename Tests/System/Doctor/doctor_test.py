@@ -13,7 +13,7 @@ HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent / "support"), str(HERE.parent / "Client")]
 
 from machine import CONTROL_HOST, PROBED_HOST, Machine
-from processes import Process, run
+from processes import Process, run, wait_until
 from strict_schema import Mismatch, Schemas
 from webserver import CertificateAuthority
 
@@ -34,6 +34,9 @@ class DoctorTestCase(unittest.TestCase):
     def start(self):
         self.machine.start_filter()
         self.machine.start_daemon()
+        # Its first look at the client's executable takes long on a busy machine, and is remembered.
+        wait_until(lambda: self.machine.stillow("status", check=False).returncode == 0,
+                   "an answer of the daemon")
 
     def begin(self):
         self.machine.stillow("start", "--for", "10m", "--yes", "blocked.example")
