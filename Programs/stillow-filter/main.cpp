@@ -27,6 +27,7 @@
 #include "PlatformLinuxFilter/PacketQueue.hpp"
 #include "PlatformLinuxFilter/QueueStatus.hpp"
 #include "Privileges.hpp"
+#include "StillowCore/SystemTime.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
 #include "StillowFiltering/EnforcementDirectiveWatcher.hpp"
 #include "StillowFiltering/FlowClassifier.hpp"
@@ -54,12 +55,6 @@ Exit status:
   64  unknown argument         75  another program holds the packet queue
   69  kernel without queues    77  not root, or without CAP_NET_ADMIN
 )";
-
-core::Date wallClockNow() {
-  const std::chrono::duration<double> sinceEpoch =
-      std::chrono::system_clock::now().time_since_epoch();
-  return core::Date::fromUnixSeconds(sinceEpoch.count());
-}
 
 /// Blocks the signals that the loop takes and gives a descriptor to take them from. Before the
 /// first thread starts.
@@ -106,7 +101,7 @@ class Filter {
         cutter_(std::move(cutter)),
         events_(std::string(stateDirectory), std::string(Store::fileName)),
         store_(fileSystem_, std::string(stateDirectory) + "/" + std::string(Store::fileName)),
-        classifier_(std::nullopt, wallClockNow(),
+        classifier_(std::nullopt, core::systemTime(),
                     filtering::NameAddressAssociations::machineLimits),
         judge_(classifier_),
         loop_(
@@ -116,7 +111,7 @@ class Filter {
                 .judge = judge_,
                 .cutter = cutter_,
                 .heartbeat = heartbeat_,
-                .wallClock = wallClockNow,
+                .wallClock = core::systemTime,
                 .signalDescriptor = signalDescriptor,
             },
             {
@@ -147,7 +142,7 @@ class Filter {
   using Store = filtering::FileEnforcementDirectiveStore;
 
   void adopt(const filtering::EnforcementDirective& directive) {
-    classifier_.adopt(directive, wallClockNow());
+    classifier_.adopt(directive, core::systemTime());
     loop_.directiveChanged();
     const auto generation = classifier_.counters().scopeGeneration;
     const auto status = directive.scope

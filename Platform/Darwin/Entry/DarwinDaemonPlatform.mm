@@ -1,7 +1,6 @@
 #include <dispatch/dispatch.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -27,6 +26,7 @@
 #include "PlatformDarwinIPC/XPCDaemonListener.hpp"
 #include "PlatformDarwinText/LocalizedDate.hpp"
 #include "StillowConcurrency/ThreadBlockingExecutor.hpp"
+#include "StillowCore/SystemTime.hpp"
 #include "StillowDaemon/DaemonPlatform.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
 #include "StillowFiltering/Storage/StateDirectoryLock.hpp"
@@ -37,6 +37,7 @@ namespace stillow::platform {
 namespace {
 
 using concurrency::ThreadBlockingExecutor;
+using core::systemTime;
 using daemon::Daemon;
 using daemon::LogLine;
 using filtering::StateDirectoryLock;
@@ -45,11 +46,6 @@ using ipc::StillowDaemonService;
 constexpr const char* stateDirectory = STILLOW_STATE_DIRECTORY;
 /// One thread could do: two keep a status from waiting behind the encoding of a large one.
 constexpr int executorThreads = 2;
-
-core::Date systemTime() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
-}
 
 /// Lives until the process ends, like everything that is built from it.
 class DarwinDaemonPlatform final : public daemon::DaemonPlatform {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "PlatformDarwinFilter/SystemLog.hpp"
+#include "StillowCore/SystemTime.hpp"
 
 namespace stillow::platform {
 
@@ -12,24 +13,19 @@ using core::EnforcementHealthStatus;
 using filtering::FlowDisposition;
 using filtering::FlowInspector;
 
-core::Date wallClockNow() {
-  const std::chrono::duration<double> sinceEpoch =
-      std::chrono::system_clock::now().time_since_epoch();
-  return core::Date::fromUnixSeconds(sinceEpoch.count());
-}
-
-FlowInspector::Moment now() { return {wallClockNow(), std::chrono::steady_clock::now()}; }
+FlowInspector::Moment now() { return {core::systemTime(), std::chrono::steady_clock::now()}; }
 
 }  // namespace
 
 DirectiveFilter::DirectiveFilter(const std::string& stateDirectory)
     : events_(stateDirectory, std::string(Store::fileName)),
       store_(fileSystem_, stateDirectory + "/" + std::string(Store::fileName)),
-      classifier_(std::nullopt, wallClockNow(), filtering::NameAddressAssociations::machineLimits),
+      classifier_(std::nullopt, core::systemTime(),
+                  filtering::NameAddressAssociations::machineLimits),
       inspector_(classifier_),
       watcher_(
           store_, events_,
-          [this](const auto& directive) { classifier_.adopt(directive, wallClockNow()); },
+          [this](const auto& directive) { classifier_.adopt(directive, core::systemTime()); },
           [this](const auto& health) { reportHealth(health); }) {}
 
 void DirectiveFilter::start() {

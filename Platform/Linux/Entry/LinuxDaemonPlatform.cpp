@@ -1,4 +1,3 @@
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -36,6 +35,7 @@
 #include "PlatformLinuxPeer/SignedExecutablePeerIdentifier.hpp"
 #include "PlatformLinuxText/LocalizedDate.hpp"
 #include "StillowConcurrency/ThreadBlockingExecutor.hpp"
+#include "StillowCore/SystemTime.hpp"
 #include "StillowDaemon/DaemonPlatform.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
 #include "StillowFiltering/Storage/PosixFileSystem.hpp"
@@ -47,6 +47,7 @@ namespace stillow::platform {
 namespace {
 
 using concurrency::ThreadBlockingExecutor;
+using core::systemTime;
 using daemon::Daemon;
 using daemon::LogLine;
 using filtering::StateDirectoryLock;
@@ -54,11 +55,6 @@ using filtering::StateDirectoryLock;
 constexpr const char* stateDirectory = STILLOW_STATE_DIRECTORY;
 /// One thread could do: two keep a status from waiting behind the encoding of a large one.
 constexpr int executorThreads = 2;
-
-core::Date systemTime() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
-}
 
 /// Lives until the process ends, like everything that is built from it.
 class LinuxDaemonPlatform final : public daemon::DaemonPlatform {

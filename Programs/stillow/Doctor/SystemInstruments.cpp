@@ -16,6 +16,7 @@
 #include "PlatformLinuxIPC/DaemonSocket.hpp"
 #include "PlatformLinuxPeer/RootDaemon.hpp"
 #include "PlatformLinuxPeer/SignedExecutableIdentifier.hpp"
+#include "StillowCore/SystemTime.hpp"
 #include "StillowCore/Text.hpp"
 #include "StillowDoctor/Gathering.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
@@ -28,6 +29,7 @@ namespace stillow::doctor {
 namespace {
 
 using authority::CommitmentStateRecovery;
+using core::systemTime;
 using filtering::PosixFileSystem;
 
 constexpr const char* stateDirectoryPath = STILLOW_STATE_DIRECTORY;
@@ -41,11 +43,6 @@ constexpr std::chrono::seconds exchangeLimit(5);
 constexpr std::chrono::milliseconds queuePause(500);
 /// Many times the list of all public authorities.
 constexpr std::size_t trustStoreBytesMax = std::size_t{16} << 20;
-
-core::Date systemTime() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
-}
 
 std::string socketPath() {
   return platform::daemonSocketPath(ipc::StillowDaemonService::machServiceName).string();
