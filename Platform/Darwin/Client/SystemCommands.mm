@@ -1,22 +1,15 @@
 /// What the client has on macOS only: what an application there needs to be installed and removed.
-#include <chrono>
 #include <iostream>
 #include <string>
 
 #include <CLI/CLI.hpp>
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/io_context.hpp>
 
 #include "PlatformDarwinInstallation/SMAppServices.hpp"
 #include "PlatformDarwinInstallation/SystemExtensionRequests.hpp"
-#include "StillowAuthority/DurableCommitmentStore.hpp"
 #include "StillowClient/ClientPlatform.hpp"
 #include "StillowClient/RemovalCheck.hpp"
-#include "StillowFiltering/Storage/PosixFileSystem.hpp"
-#include "StillowIPC/CodeSigningRequirement.hpp"
 #include "StillowIPC/DaemonRegistration.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
-#include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
 
 namespace stillow::platform {
 
@@ -71,43 +64,13 @@ int setUp() {
   return tell("Activating the filter extension", activated) ? exitDone : exitFailed;
 }
 
-core::Date now() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
-}
-
 /// 0 if no Commitment is in the way; otherwise it was said what is.
 int checkRemoval() {
-  boost::asio::io_context context{1};
-  const auto platform = client::makeClientPlatform(context.get_executor());
-  const auto daemon = ipc::XPCCommitmentAuthorityClient::make(
-      {.executor = context.get_executor(),
-       .endpoint =
-           ipc::Endpoint::machService{std::string(ipc::StillowDaemonService::machServiceName),
-                                      platform->daemonServices()},
-       .requirement = ipc::CodeSigningRequirement::trustedPeers(),
-       .deadlines = ipc::DaemonCallDeadlines::quick(),
-       .wait = platform->sleeper()});
-  filtering::PosixFileSystem fileSystem;
-  const authority::DurableCommitmentStore checkpoints(fileSystem, STILLOW_STATE_DIRECTORY);
+  client::DaemonSession session(ipc::DaemonCallDeadlines::quick());
   // Checkpoints that this user cannot read are a reason to stay: then nobody can tell.
   constexpr bool mayReadWhatThereIs = true;
-  int ruling = exitFailed;
-  boost::asio::co_spawn(
-      context,
-      client::checkRemoval(
-          {.daemon = daemon,
-           .recoverCheckpoints = [&checkpoints] { return checkpoints.recover(); },
-           .wallClock = now},
-          mayReadWhatThereIs, [&platform](core::Date date) { return platform->formatted(date); },
-          std::cout, std::cerr),
-      [&](const std::exception_ptr& exception, int result) {
-        core::require(exception == nullptr, "an exception left a command");
-        ruling = result;
-        context.stop();
-      });
-  context.run();
-  daemon->invalidate();
+  const int ruling = client::checkRemoval(session, STILLOW_STATE_DIRECTORY, mayReadWhatThereIs);
+  session.daemon()->invalidate();
   return ruling;
 }
 

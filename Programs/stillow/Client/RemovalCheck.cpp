@@ -1,7 +1,11 @@
 #include "StillowClient/RemovalCheck.hpp"
 
+#include <iostream>
 #include <utility>
 
+#include "StillowAuthority/DurableCommitmentStore.hpp"
+#include "StillowCore/SystemTime.hpp"
+#include "StillowFiltering/Storage/PosixFileSystem.hpp"
 #include "StillowIPC/UninstallGate.hpp"
 
 namespace stillow::client {
@@ -27,6 +31,21 @@ concurrency::Task<int> checkRemoval(authority::RemovalRulingSources sources, boo
   if (refused == nullptr) co_return exitMayBeRemoved;
   if (!asJSON) out << ipc::refusalText(refused->cause, formatted) << "\n" << std::flush;
   co_return exitHasToStay;
+}
+
+int checkRemoval(DaemonSession& session, const std::string& stateDirectory, bool mayReadCheckpoints,
+                 bool asJSON) {
+  filtering::PosixFileSystem fileSystem;
+  const authority::DurableCommitmentStore checkpoints(fileSystem, stateDirectory);
+  authority::RemovalRulingSources sources{
+      .daemon = session.daemon(),
+      .recoverCheckpoints = [&checkpoints] { return checkpoints.recover(); },
+      .wallClock = core::systemTime};
+  const auto formatted = [platform = session.platform()](core::Date date) {
+    return platform->formatted(date);
+  };
+  return session.run(checkRemoval(std::move(sources), mayReadCheckpoints, formatted, std::cout,
+                                  std::cerr, asJSON));
 }
 
 }  // namespace stillow::client

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "StillowAuthority/RemovalRuling.hpp"
+#include "StillowClient/DaemonSession.hpp"
 #include "StillowConcurrency/Task.hpp"
 #include "StillowCore/Coding.hpp"
 #include "StillowCore/Date.hpp"
@@ -21,6 +22,11 @@ namespace stillow::client {
                                                   std::function<std::string(core::Date)> formatted,
                                                   std::ostream& out, std::ostream& err,
                                                   bool asJSON = false);
+
+/// The same for what is installed here, on the standard streams. `mayReadCheckpoints`: the caller
+/// is root, or one that cannot read them is to be a reason to stay.
+[[nodiscard]] int checkRemoval(DaemonSession& session, const std::string& stateDirectory,
+                               bool mayReadCheckpoints, bool asJSON = false);
 
 }  // namespace stillow::client
 

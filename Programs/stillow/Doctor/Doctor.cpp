@@ -3,89 +3,25 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
-#include <optional>
 
 #include <CLI/CLI.hpp>
-#include <boost/asio/io_context.hpp>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "PlatformLinuxDaemon/BoottimeSleeper.hpp"
-#include "PlatformLinuxIPC/DaemonSocket.hpp"
-#include "PlatformLinuxIPC/UnixSocketDaemonConnector.hpp"
-#include "PlatformLinuxPeer/RootDaemon.hpp"
+#include "StillowClient/DaemonSession.hpp"
+#include "StillowClient/TerminalStyle.hpp"
 #include "StillowDoctor/Gathering.hpp"
 #include "StillowDoctor/Judging.hpp"
 #include "StillowDoctor/Rendering.hpp"
-#include "StillowIPC/CodeSigningRequirement.hpp"
-#include "StillowIPC/StillowDaemonService.hpp"
-#include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
 
 namespace stillow::doctor {
 
-namespace {
-
-using Result = ipc::CommitmentAuthorityClient::Result;
-using Service = ipc::StillowDaemonService;
-
-/// The daemon, asked from a thread that waits for the answer.
-class WaitingClient {
- public:
-  Result status() { return run(daemon_->status()); }
-  Result validate() { return run(daemon_->validateEnforcement()); }
-
- private:
-  Result run(concurrency::Task<Result> call) {
-    std::optional<Result> answer;
-    boost::asio::co_spawn(context_, std::move(call),
-                          [&](const std::exception_ptr& exception, Result result) {
-                            core::require(exception == nullptr, "an exception left a call");
-                            answer = std::move(result);
-                            context_.stop();
-                          });
-    context_.restart();
-    context_.run();
-    return std::move(*answer);
-  }
-
-  boost::asio::io_context context_{1};
-  std::shared_ptr<platform::BoottimeSleeper> sleeper_ =
-      std::make_shared<platform::BoottimeSleeper>(context_.get_executor());
-  std::shared_ptr<platform::UnixSocketDaemonConnector> connector_ =
-      std::make_shared<platform::UnixSocketDaemonConnector>(
-          platform::UnixSocketDaemonConnector::Dependencies{
-              .executor = context_.get_executor(),
-              .sleeper = sleeper_,
-              .socketPath = platform::daemonSocketPath(Service::machServiceName),
-              .requireDaemon = platform::requireRootDaemon});
-  std::shared_ptr<ipc::XPCCommitmentAuthorityClient> daemon_ =
-      ipc::XPCCommitmentAuthorityClient::make(
-          {.executor = context_.get_executor(),
-           .endpoint =
-               ipc::Endpoint::machService{std::string(Service::machServiceName), connector_},
-           .requirement = ipc::CodeSigningRequirement::trustedPeers(),
-           .deadlines = ipc::DaemonCallDeadlines::standard(),
-           .wait = sleeper_});
-};
-
-client::TextStyle styleOfStandardOutput() {
-  client::TextStyle style;
-  if (::isatty(STDOUT_FILENO) != 1) return style;
-  style.hasColour = client::wantsColour(true, std::getenv("NO_COLOR"), std::getenv("TERM"));
-  winsize size{};
-  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) style.columns = size.ws_col;
-  return style;
-}
-
-}  // namespace
-
 int runDoctor(const DoctorOptions& options, std::ostream& out, std::ostream& err) {
-  WaitingClient daemon;
-  const auto instruments =
-      systemInstruments({.status = [&daemon] { return daemon.status(); },
-                         .validate = [&daemon] { return daemon.validate(); }},
-                        [&err](std::string_view next) { err << next << '\n'
-                                                            << std::flush; });
+  client::DaemonSession session;
+  const auto instruments = systemInstruments(
+      {.status = [&session] { return session.run(session.daemon()->status()); },
+       .validate = [&session] { return session.run(session.daemon()->validateEnforcement()); }},
+      [&err](std::string_view next) { err << next << '\n'
+                                          << std::flush; });
   const Report report = judge(gather(instruments));
   if (options.asJSON) {
     out << reportJSON(report) << '\n';
@@ -105,7 +41,7 @@ void addDoctorCommand(CLI::App& app, int& status) {
   const auto asJSON = std::make_shared<bool>(false);
   doctor.add_flag("--json", *asJSON, "Print a record; docs/client-json has its form");
   doctor.callback([asJSON, &status] {
-    const DoctorOptions options{.asJSON = *asJSON, .style = styleOfStandardOutput()};
+    const DoctorOptions options{.asJSON = *asJSON, .style = client::terminalStyle(STDOUT_FILENO)};
     status = runDoctor(options, std::cout, std::cerr);
     std::cerr.flush();
     // Not by returning: a look that hangs may still run on a thread of its own.

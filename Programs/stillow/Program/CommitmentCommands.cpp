@@ -4,6 +4,7 @@
 #include "Declarations.hpp"
 #include "Session.hpp"
 #include "StillowClient/Watch.hpp"
+#include "StillowCore/SystemTime.hpp"
 
 namespace stillow::program {
 
@@ -56,8 +57,8 @@ void onceGiven(CLI::App& declared, int& status, Command command) {
 int watchWith(Session& session, const Commands& commands, bool asJSON) {
   client::WatchCollaborators with{
       .daemon = session.daemon(),
-      .sleeper = session.sleeper(),
-      .clock = now,
+      .sleeper = session.platform()->sleeper(),
+      .clock = core::systemTime,
       .enough = session.endOnSignal(),
       .suspensions = session.suspendOnSignal(),
       .report = [&](const ipc::DaemonError& error) { return commands.report(error); }};

@@ -9,28 +9,9 @@
 
 #include "Declarations.hpp"
 #include "Session.hpp"
-#include "StillowAuthority/DurableCommitmentStore.hpp"
 #include "StillowClient/RemovalCheck.hpp"
 
 namespace stillow::program {
-
-namespace {
-
-int checkRemoval(bool asJSON) {
-  // The checkpoints are there to turn to.
-  Session session(ipc::DaemonCallDeadlines::quick());
-  filtering::PosixFileSystem fileSystem;
-  const authority::DurableCommitmentStore checkpoints(fileSystem, STILLOW_STATE_DIRECTORY);
-  authority::RemovalRulingSources sources{
-      .daemon = session.daemon(),
-      .recoverCheckpoints = [&checkpoints] { return checkpoints.recover(); },
-      .wallClock = now};
-  const auto formatted = [&session](core::Date date) { return session.formatted(date); };
-  leave(session.run(client::checkRemoval(std::move(sources), ::geteuid() == 0, formatted, std::cout,
-                                         std::cerr, asJSON)));
-}
-
-}  // namespace
 
 void declareScriptCommands(CLI::App& app, int& status) {
   struct Given {
@@ -58,7 +39,13 @@ void declareScriptCommands(CLI::App& app, int& status) {
   CLI::App& removalCheck = *app.add_subcommand(
       "removal-check", "Say whether Stillow may be removed now; for root and package scripts");
   removalCheck.add_flag("--json", given->asJSON, "Print a record; docs/client-json has its form");
-  removalCheck.callback([&status, given] { status = checkRemoval(given->asJSON); });
+  removalCheck.callback([&status, given] {
+    // The checkpoints are there to turn to.
+    Session session(ipc::DaemonCallDeadlines::quick());
+    status =
+        client::checkRemoval(session, STILLOW_STATE_DIRECTORY, ::geteuid() == 0, given->asJSON);
+    leave(status);
+  });
 }
 
 }  // namespace stillow::program

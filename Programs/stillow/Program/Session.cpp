@@ -8,37 +8,19 @@
 
 #include <boost/asio/signal_set.hpp>
 #include <pwd.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "StillowClient/RefusalText.hpp"
+#include "StillowClient/TerminalStyle.hpp"
 #include "StillowConcurrency/Deadline.hpp"
 #include "StillowCore/JSONDocument.hpp"
-#include "StillowIPC/CodeSigningRequirement.hpp"
-#include "StillowIPC/StillowDaemonService.hpp"
+#include "StillowCore/SystemTime.hpp"
 
 namespace stillow::program {
 
 using client::ExitStatus;
 
 namespace {
-
-client::TextStyle styleOf(int descriptor) {
-  const char* const term = std::getenv("TERM");
-  client::TextStyle style;
-  if (::isatty(descriptor) != 1) return style;
-  style.showsBar = true;
-  style.hasColour = client::wantsColour(true, std::getenv("NO_COLOR"), term);
-  // A terminal that does not say how wide it is gets what terminals always were.
-  style.columns = 80;
-  style.rows = 24;
-  winsize size{};
-  if (::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
-    style.columns = size.ws_col;
-    style.rows = size.ws_row;
-  }
-  return style;
-}
 
 std::string userDirectory() {
   const passwd* const user = ::getpwuid(::geteuid());
@@ -53,11 +35,6 @@ std::string userDirectory() {
 
 }  // namespace
 
-core::Date now() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return core::Date::fromUnixSeconds(std::chrono::duration<double>(sinceEpoch).count());
-}
-
 client::Console standardConsole() {
   const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
   return {.in = std::cin,
@@ -65,8 +42,8 @@ client::Console standardConsole() {
           .err = std::cerr,
           .canAnswer = ::isatty(STDIN_FILENO) == 1,
           .canRewrite = client::canRewrite(isTerminal, std::getenv("TERM")),
-          .outStyle = [] { return styleOf(STDOUT_FILENO); },
-          .errStyle = [] { return styleOf(STDERR_FILENO); }};
+          .outStyle = [] { return client::terminalStyle(STDOUT_FILENO); },
+          .errStyle = [] { return client::terminalStyle(STDERR_FILENO); }};
 }
 
 const core::DomainNormalizer& normalizer() {
@@ -76,36 +53,25 @@ const core::DomainNormalizer& normalizer() {
 
 UserCollection::UserCollection() : file(fileSystem, userDirectory(), client::lockDirectory) {}
 
-Session::Session(ipc::DaemonCallDeadlines deadlines)
-    : platform_(client::makeClientPlatform(context_.get_executor())),
-      daemon_(ipc::XPCCommitmentAuthorityClient::make(
-          {.executor = context_.get_executor(),
-           .endpoint =
-               ipc::Endpoint::machService{std::string(ipc::StillowDaemonService::machServiceName),
-                                          platform_->daemonServices()},
-           .requirement = ipc::CodeSigningRequirement::trustedPeers(),
-           .deadlines = deadlines,
-           .wait = platform_->sleeper()})) {}
-
 client::Commands Session::commands() const {
   const auto readCollection = [] {
     const UserCollection collection;
     return collection.file.read();
   };
   return {standardConsole(),
-          {.daemon = daemon_,
-           .clock = now,
+          {.daemon = daemon(),
+           .clock = core::systemTime,
            .offset = client::localOffset(),
            .normalizer = normalizer,
            .readCollection = readCollection,
-           .explainUnreachable = [platform = platform_](const ipc::DaemonError& error) {
+           .explainUnreachable = [platform = platform()](const ipc::DaemonError& error) {
              return platform->explainUnreachable(error);
            }}};
 }
 
 concurrency::Cancellation Session::endOnSignal() {
   const concurrency::Cancellation enough;
-  auto signals = std::make_shared<boost::asio::signal_set>(context_, SIGINT, SIGTERM, SIGHUP);
+  auto signals = std::make_shared<boost::asio::signal_set>(context(), SIGINT, SIGTERM, SIGHUP);
   signals->async_wait([enough](const boost::system::error_code& error, int) {
     if (!error) enough.cancel();
   });
@@ -131,7 +97,7 @@ void giveStops(std::weak_ptr<boost::asio::signal_set> weak,
 
 concurrency::Channel<client::Suspension> Session::suspendOnSignal() {
   const concurrency::Channel<client::Suspension> suspensions(1);
-  auto signals = std::make_shared<boost::asio::signal_set>(context_, SIGTSTP);
+  auto signals = std::make_shared<boost::asio::signal_set>(context(), SIGTSTP);
   giveStops(signals, suspensions);
   stopSignals_ = std::move(signals);
   return suspensions;
@@ -142,8 +108,8 @@ concurrency::Task<ExitStatus> Session::passThrough(std::string method,
   const auto limit = ipc::DaemonCallDeadlines::standard().enforcementValidation;
   const std::optional<std::expected<std::string, ipc::PlatformError>> line =
       co_await concurrency::within<std::expected<std::string, ipc::PlatformError>>(
-          limit, platform_->sleeper(),
-          platform_->passThrough(std::move(method), std::move(params)));
+          limit, platform()->sleeper(),
+          platform()->passThrough(std::move(method), std::move(params)));
   if (!line) {
     const double seconds = std::chrono::duration<double>(limit).count();
     co_return commands().report(ipc::DaemonError::daemonDidNotAnswer{seconds});
