@@ -1,11 +1,12 @@
 #!/usr/bin/python3
-"""Runs every benchmark and prints one table: what, measured, reference, ratio, aim.
+"""Runs every benchmark, prints one table and writes it into docs/performance.md.
 
-The ratio is that of the best batches, or where a disk is waited for of the medians; the ratio of the
-medians stands beside it, and where the two differ much the machine was busy.
+The ratio is that of the best batches; the ratio of the medians stands beside it, and where the two
+differ much the machine was busy.
 
-STILLOW_BIN names the directory of the executables. Exits 1 if a benchmark could not be run, if one
-has no row here or if a row got no figure. An aim that is missed is only said.
+STILLOW_BIN names the directory of the executables. With arguments only the benchmarks whose names
+begin with one of them, and the document stays as it is. Exits 1 if a benchmark could not be run, if
+one has no row here or a row no figure, or if an aim is missed by more than a quarter.
 """
 
 import json
@@ -15,75 +16,178 @@ import subprocess
 import sys
 import tempfile
 from dataclasses import dataclass
+from datetime import datetime, timezone
 from pathlib import Path
 
-BIN = Path(os.environ["STILLOW_BIN"]).resolve()
-CONNECTION = Path(__file__).resolve().parent / "FilterConnectionBenchmark" / "measure.py"
+HERE = Path(__file__).resolve().parent
+DOCUMENT = HERE.parent / "docs" / "performance.md"
+TABLE_BEGIN = "<!-- What scripts/bench wrote begins here. -->"
+TABLE_END = "<!-- What scripts/bench wrote ends here. -->"
+# How far from its aim a figure may be before the run fails: these are shared machines.
+TOLERANCE = 1.25
 
 
 @dataclass(frozen=True)
-class Row:
-    """A benchmark, or a series of them that differ by the size that ends their names."""
-    benchmark: str
-    what: str
-    reference: str
-    unit: str = ""
-    ratio_max: float | None = None
-    nanoseconds_max: float | None = None
+class AtMost:
+    limit: float
 
-    def aim(self, result):
-        if self.ratio_max is not None:
-            aim, is_met = f"ratio <= {self.ratio_max}", result["ratio"] <= self.ratio_max
-        elif self.nanoseconds_max is not None:
-            aim = f"<= {duration(self.nanoseconds_max)}"
-            is_met = result["ours_ns"] <= self.nanoseconds_max
-        else:
-            return "-"
-        return aim + (", met" if is_met else ", missed")
+    def __str__(self):
+        return f"≤ {self.limit:g}"
+
+    def is_met(self, value, tolerance=1.0):
+        return value <= self.limit * tolerance
 
 
-LABEL_WALK = "label walk on absl::flat_hash_set"
-BARE_CALLS = "bare system calls"
-LOCK_AND_MATCH = "lock and match"
-SEGMENT_COPY = "copy of the segment"
+@dataclass(frozen=True)
+class AtLeast:
+    limit: float
 
-ROWS = (
-    Row("DomainMatcher/compare/unblocked", "matches: no host blocked", LABEL_WALK, "names", 0.4),
-    Row("DomainMatcher/compare/halfBlocked", "matches: half the hosts blocked", LABEL_WALK, "names",
-        0.4),
-    Row("DomainMatcher/compare/distinct", "matches: half blocked, no host twice", LABEL_WALK,
-        "names", 0.4),
-    Row("DomainMatcher/compare/blocked", "matches: every host blocked", LABEL_WALK, "names", 0.4),
-    Row("DomainMatcher/compare/manyLabels", "matches: 127 labels, half blocked", LABEL_WALK, "names",
-        0.4),
-    Row("PublicSuffixList/registrableDomain", "registrableDomain", "libpsl", ratio_max=0.1),
-    Row("PublicSuffixList/split", "registrableDomain as a view", "libpsl"),
-    Row("FlowClassifier/classifyName", "classify with a name", LOCK_AND_MATCH, "names", 1.5),
-    Row("FlowClassifier/classifyKnownPair", "classify with a known name and address",
-        LOCK_AND_MATCH, "names", 1.5),
-    Row("FlowClassifier/record", "record into a full table of 10,000", "bare hash map",
-        nanoseconds_max=1000),
-    Row("Checkpoint/save", "durable save of a checkpoint", BARE_CALLS, "names", 1.2),
-    Row("DurableFile/replaceDurably", "durable replacement of a file", BARE_CALLS, "bytes", 1.2),
-    Row("Tick/tick", "tick", "the same at 10 names", "names", 1.2),
-    Row("FilterConnection/connect", "new HTTPS connection with the filter", "without the filter",
-        ratio_max=1.1),
-    Row("DirectiveRead/readAfterProbe", "directive of which only the probe changed",
-        "reading it anew", "names"),
-    Row("NameReader/stream/tlsOfCurl", "name of a TLS flow (curl)", SEGMENT_COPY),
-    Row("NameReader/stream/tlsOfChromium", "name of a TLS flow (Chromium)", SEGMENT_COPY),
-    Row("NameReader/stream/tlsInTwoRecords", "name of a TLS flow in two records", SEGMENT_COPY),
-    Row("NameReader/stream/http", "name of an HTTP flow", SEGMENT_COPY),
-    Row("NameReader/quic", "name of a QUIC flow", "bare OpenSSL calls"),
-)
+    def __str__(self):
+        return f"≥ {self.limit:g}"
+
+    def is_met(self, value, tolerance=1.0):
+        return value >= self.limit / tolerance
 
 
 def duration(nanoseconds):
-    for limit, divisor, unit, digits in ((1e3, 1, "ns", 0), (1e6, 1e3, "us", 1),
+    for limit, divisor, unit, digits in ((1e3, 1, "ns", 0), (1e6, 1e3, "µs", 1),
                                          (1e9, 1e6, "ms", 1)):
         if nanoseconds < limit:
             return f"{nanoseconds / divisor:.{digits}f} {unit}"
     return f"{nanoseconds / 1e9:.2f} s"
+
+
+@dataclass(frozen=True)
+class Row:
+    """A benchmark, or a series of them that differ by the size that ends their names. Of each comes
+    `ours_ns` and `reference_ns`, or, where `rate` says of what, `ours_rate` and `reference_rate`,
+    and the `ratio` of these, `ratio_median` beside it."""
+    benchmark: str
+    what: str
+    reference: str
+    unit: str = ""
+    aim: AtMost | AtLeast | None = None
+    aims: tuple = ()  # (size, aim) where a size has an aim of its own
+    rate: tuple | None = None  # (divisor, unit)
+
+    def aim_at(self, size):
+        return dict(self.aims).get(size, self.aim)
+
+    def cells(self, size, result):
+        def amount(side):
+            if self.rate is None:
+                return duration(result[f"{side}_ns"])
+            return f"{result[f'{side}_rate'] / self.rate[0]:,.1f} {self.rate[1]}"
+
+        return (self.what, f"{size:,} {self.unit}" if size else "", amount("ours"),
+                amount("reference"), self.reference, f"{result['ratio']:.2f}",
+                f"{result['ratio_median']:.2f}")
+
+    @staticmethod
+    def judged(result):
+        return result["ratio"]
+
+
+@dataclass(frozen=True)
+class Figure:
+    """A benchmark that has a limit instead of a reference: its `value`."""
+    benchmark: str
+    what: str
+    unit: str
+    aim: AtMost | AtLeast | None = None
+    digits: int = 2
+
+    def aim_at(self, _):
+        return self.aim
+
+    def cells(self, size, result):
+        return (self.what, f"{size:,}" if size else "", f"{result['value']:.{self.digits}f} "
+                f"{self.unit}".rstrip(), "", "", "", "")
+
+    @staticmethod
+    def judged(result):
+        return result["value"]
+
+
+LABEL_WALK = "label walk on absl::flat_hash_set"
+BARE_CALLS = "bare system calls"
+LOCK_AND_MATCH = "mutex and match"
+SEGMENT_COPY = "copy of the segment"
+BYTES_READ_ONCE = "reading the bytes once"
+OPENSSL = "OpenSSL’s own calls"
+
+ROWS = (
+    Row("DomainMatcher/compare/halfBlocked", "matches: half of 4,096 hosts blocked", LABEL_WALK,
+        "names", AtMost(0.35), ((1_000_000, AtMost(0.5)),)),
+    Row("DomainMatcher/compare/distinct", "matches: 1,000,000 hosts, half blocked", LABEL_WALK,
+        "names", AtMost(0.8)),
+    Row("DomainMatcher/compare/manyLabels", "matches: hosts of 127 labels", LABEL_WALK, "names",
+        AtMost(0.05)),
+    Row("DomainMatcher/compare/unblocked", "matches: no host blocked", LABEL_WALK, "names"),
+    Row("DomainMatcher/compare/blocked", "matches: every host blocked", LABEL_WALK, "names"),
+    Row("PublicSuffixList/registrableDomain", "registrableDomain", "psl_registrable_domain",
+        aim=AtMost(0.07)),
+    Row("PublicSuffixList/split", "registrableDomain as a view", "psl_registrable_domain"),
+    Row("PublicSuffixList/parse", "parse the public suffix list", "psl_load_file", aim=AtMost(0.3)),
+    Row("DomainNormalizer/ascii", "normalize a typed site of ASCII", "uidna_nameToASCII_UTF8",
+        aim=AtMost(3)),
+    Row("DomainNormalizer/umlauts", "normalize a typed site with umlauts", "uidna_nameToASCII_UTF8",
+        aim=AtMost(2)),
+    Row("DaemonStatus/encode", "encode a DaemonStatus", "RapidJSON’s Writer", "domains",
+        AtMost(0.4)),
+    Row("DaemonStatus/decode", "decode a DaemonStatus", "simdjson On Demand", "domains",
+        AtMost(1.2)),
+    Row("Digest/sha256", "SHA-256 of a checkpoint", OPENSSL, "domains", AtMost(1.05)),
+    Row("Digest/base64", "Base64 of a checkpoint", OPENSSL, "domains", AtMost(1.05)),
+    Row("FlowClassifier/classifyName", "classify with a name", LOCK_AND_MATCH, "names",
+        AtMost(1.3)),
+    Row("FlowClassifier/twoThreads", "classify on two threads", "the same work on one thread",
+        "names", AtMost(1)),
+    Row("FlowClassifier/lookUpAddress", "address lookup with ageing, 10,000 addresses",
+        "absl::flat_hash_map find", aim=AtMost(1.5)),
+    Row("FlowClassifier/record", "record into a full table of 10,000", "a recency list",
+        aim=AtMost(2)),
+    Row("FlowClassifier/classifyKnownPair", "classify with a known name and address",
+        LOCK_AND_MATCH, "names"),
+    Row("NameReader/stream/tlsOfCurl", "ClientHello to name (curl)", BYTES_READ_ONCE,
+        aim=AtMost(5)),
+    Row("NameReader/stream/tlsOfChromium", "ClientHello to name (Chromium)", BYTES_READ_ONCE,
+        aim=AtMost(5)),
+    Row("NameReader/stream/tlsInTwoRecords", "ClientHello to name, in two records",
+        BYTES_READ_ONCE, aim=AtMost(5)),
+    Row("NameReader/stream/http", "HTTP request to name", BYTES_READ_ONCE),
+    Row("NameReader/quic", "QUIC Initial to name", "OpenSSL’s AES and HKDF alone",
+        aim=AtMost(1.3)),
+    Row("Checkpoint/save", "durable save", BARE_CALLS, "domains", AtMost(1.1)),
+    Row("Checkpoint/saveLarge", "durable save", "encode, SHA-256, Base64, one write", "domains",
+        AtMost(1.2)),
+    Row("DurableFile/replaceDurably", "durable replacement of a file", BARE_CALLS, "bytes",
+        AtMost(1.1)),
+    Row("Strand/hop", "strand hop", "bare co_spawn onto a strand", aim=AtMost(1.2)),
+    Row("Strand/serialisedCall", "serialised call", "bare co_spawn onto a strand", aim=AtMost(1.2)),
+    Row("SocketStatus/call", "status call over the socket, one core", "epoll echo of the bytes",
+        "domains", AtMost(2)),
+    Row("SocketPush/push", "a status pushed to 1,000 subscribers", "one encode, 1,000 writes",
+        "domains", AtMost(1.3)),
+    Row("Activation/activate", "activation, request to reply", "one decode, one durable save",
+        "domains", AtMost(2)),
+    Row("Tick/tick", "a tick", "a tick, 10 domains", "domains", AtMost(1.1)),
+    Row("DirectiveRead/readAfterProbe", "directive of which only the probe changed",
+        "reading it anew", "domains"),
+    Row("FilterConnection/connect", "new HTTPS connection, armed, 1,000 names, one core",
+        "no rules", aim=AtMost(1.08)),
+    Row("FilterTransfer/bulk", "bulk transfer of a released flow, one core", "conntrack alone",
+        aim=AtLeast(0.98), rate=(1e9, "Gbit/s")),
+    Row("FilterDecisions/decide", "decisions, one queue thread, one core",
+        "a loop that accepts everything", aim=AtLeast(0.8), rate=(1e3, "thousand/s")),
+    Figure("Idle/daemon/wakeups", "daemon, idle for ten minutes: wake-ups", "/s", AtMost(1)),
+    Figure("Idle/daemon/processor", "daemon, idle for ten minutes: of a core", "%", AtMost(0.1), 3),
+    Figure("Idle/daemon/resident", "daemon, idle for ten minutes: resident", "MB", AtMost(15), 1),
+    Figure("Idle/filter/wakeups", "filter, idle for ten minutes: wake-ups beyond the directory’s "
+           "events", "/s", AtMost(0)),
+    Figure("Idle/filter/processor", "filter, idle for ten minutes: of a core", "%", None, 3),
+    Figure("Idle/filter/resident", "filter, idle for ten minutes: resident", "MB", AtMost(15), 1),
+)
 
 
 def run_program(program):
@@ -101,21 +205,29 @@ def run_program(program):
     return results
 
 
-def run_connection():
+def run_script(script):
+    """A script writes its results by name, as JSON, into the file that it is given."""
     with tempfile.NamedTemporaryFile() as file:
-        subprocess.run([CONNECTION, file.name], check=True, stdout=subprocess.PIPE,
+        subprocess.run([script, file.name], check=True, stdout=subprocess.PIPE,
                        stderr=subprocess.PIPE, text=True)
-        return {"FilterConnection/connect": json.load(file)}
+        return json.load(file)
 
 
-def run_all():
+def runs(directory):
+    """Every benchmark by its name, with what runs it."""
+    for program in sorted(directory.glob("*Benchmark")):
+        yield program.name, lambda program=program: run_program(program)
+    for script in sorted(HERE.glob("*Benchmark/measure.py")):
+        yield script.parent.name, lambda script=script: run_script(script)
+
+
+def run_all(wanted):
     """The results, and what failed."""
+    directory = Path(os.environ["STILLOW_BIN"]).resolve()
     results, failures = {}, []
-    programs = sorted(BIN.glob("*Benchmark"))
-    if not programs:
-        failures.append(f"There are no benchmarks in {BIN}.")
-    for name, run in [(program.name, lambda program=program: run_program(program))
-                      for program in programs] + [("FilterConnectionBenchmark", run_connection)]:
+    for name, run in runs(directory):
+        if wanted and not name.startswith(tuple(wanted)):
+            continue
         print(f"{name} …", file=sys.stderr, flush=True)
         try:
             results |= run()
@@ -126,40 +238,86 @@ def run_all():
     return results, failures
 
 
+HEAD = ("What", "Size", "Measured", "Reference", "", "Ratio", "Medians", "Aim", "")
+IS_RIGHT = (False, True, True, True, False, True, True, False, False)
+
+
 def table(results):
-    """The lines of the table; takes what it shows out of `results`."""
-    lines = [("what", "size", "measured", "reference", "", "ratio", "medians", "aim")]
+    """The lines of the table and what was missed by too much; takes what it shows out of
+    `results`."""
+    lines, failures = [HEAD], []
     for row in ROWS:
         for name in [name for name in results if re.fullmatch(rf"{row.benchmark}(/\d+)?", name)]:
             result = results.pop(name)
-            size = name.removeprefix(row.benchmark)[1:]
-            lines.append((row.what, f"{int(size):,} {row.unit}" if size else "",
-                          duration(result["ours_ns"]), duration(result["reference_ns"]),
-                          row.reference, f"{result['ratio']:.2f}",
-                          f"{result['ratio_median']:.2f}", row.aim(result)))
-    return lines
+            size = int(name.removeprefix(row.benchmark)[1:] or 0)
+            aim, value = row.aim_at(size), row.judged(result)
+            verdict = "" if aim is None else "met" if aim.is_met(value) else "missed"
+            lines.append((*row.cells(size, result), "–" if aim is None else str(aim), verdict))
+            if aim is not None and not aim.is_met(value, TOLERANCE):
+                failures.append(f"{name}: {value:.3g} is more than a quarter from its aim, {aim}")
+    return lines, failures
 
 
 def show(lines):
     widths = [max(map(len, column)) for column in zip(*lines)]
-    right = (False, True, True, True, False, True, True, False)
     for line in lines:
         print("  ".join(cell.rjust(width) if is_right else cell.ljust(width)
-                        for cell, width, is_right in zip(line, widths, right)).rstrip())
+                        for cell, width, is_right in zip(line, widths, IS_RIGHT)).rstrip())
         if line is lines[0]:
             print("-" * (sum(widths) + 2 * (len(widths) - 1)))
 
 
+def markdown(lines):
+    def of(line):
+        what, size, measured, reference_time, reference, ratio, medians, aim, verdict = line
+        if verdict == "missed":
+            verdict = "**missed**"
+        return (what, size, measured, f"{reference_time} {reference}".strip(), ratio, medians,
+                ", ".join(filter(None, (aim, verdict))))
+
+    head, *rest = map(of, lines)
+    return "\n".join(f"| {' | '.join(cells)} |"
+                     for cells in (head, ("---", "--:", "--:", "---", "--:", "--:", "---"), *rest))
+
+
+def machine():
+    """Date, compiler, processor and system, for the words before the table."""
+    cache = (Path(os.environ["STILLOW_BIN"]).resolve().parent / "CMakeCache.txt").read_text()
+    compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.+)$", cache, re.MULTILINE)[1]
+    version = subprocess.run([compiler, "--version"], check=True, stdout=subprocess.PIPE,
+                             text=True).stdout.splitlines()[0]
+    flags = " ".join(re.search(rf"^{name}:\w+=(.*)$", cache, re.MULTILINE)[1]
+                     for name in ("CMAKE_CXX_FLAGS_RELWITHDEBINFO", "CMAKE_CXX_FLAGS"))
+    model = re.search(r"^model name\s*: (.+)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
+    return (f"{datetime.now(timezone.utc):%Y-%m-%d}, {version}, `{flags.strip()}`, "
+            f"{os.cpu_count()} × {model[1] if model else os.uname().machine}, "
+            f"Linux {os.uname().release}")
+
+
+def write_document(lines, load):
+    text = DOCUMENT.read_text()
+    before, _, rest = text.partition(TABLE_BEGIN)
+    _, _, after = rest.partition(TABLE_END)
+    DOCUMENT.write_text(f"{before}{TABLE_BEGIN}\n{machine()}, load {load:.1f} at the beginning.\n\n"
+                        f"{markdown(lines)}\n{TABLE_END}{after}")
+
+
 def main():
+    wanted = sys.argv[1:]
     load = os.getloadavg()[0]
-    results, failures = run_all()
-    lines = table(results)
+    results, failures = run_all(wanted)
+    lines, missed = table(results)
+    failures += missed
     failures += [f"{name}: has no row in {Path(__file__).name}" for name in results]
     shown = {line[0] for line in lines}
-    failures += [f"{row.benchmark}: no figure" for row in ROWS if row.what not in shown]
+    if not wanted:
+        failures += [f"{row.benchmark}: no figure" for row in ROWS if row.what not in shown]
     show(lines)
-    print(f"\n{os.cpu_count()} processors, load {load:.1f} at the beginning. Both sides of a row took "
-          "turns on this machine:\nthe ratios count, the times are those of the moment.")
+    print(f"\n{machine()}, load {load:.1f} at the beginning.\nBoth sides of a row took turns on this "
+          "machine: the ratios count, the times are those of the moment.")
+    if not wanted and not any("no figure" in failure for failure in failures):
+        write_document(lines, load)
+        print(f"Written into {DOCUMENT.relative_to(HERE.parent)}.")
     for failure in failures:
         print(failure, file=sys.stderr)
     return 1 if failures else 0
