@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "StillowClient/PassThrough.hpp"
+#include "StillowClient/RefusalText.hpp"
 #include "StillowClient/RegistrationText.hpp"
 
 namespace stillow::client {
@@ -30,12 +31,12 @@ TEST(PassThrough, writesWhatTheSocketOfAnotherSystemWouldHaveSent) {
 }
 
 TEST(PassThrough, tellsTheDaemonsRefusalsFromACallThatDidNotReachIt) {
-  EXPECT_TRUE(isDaemonsOwn(DaemonError::noActiveCommitment{}));
-  EXPECT_TRUE(isDaemonsOwn(DaemonError::malformedRequest{"ScopeAddition"}));
-  EXPECT_TRUE(isDaemonsOwn(DaemonError::internalFailure{"No current XPC connection."}));
-  EXPECT_FALSE(isDaemonsOwn(DaemonError::daemonUnavailable{"interrupted"}));
-  EXPECT_FALSE(isDaemonsOwn(DaemonError::daemonDidNotAnswer{5}));
-  EXPECT_FALSE(isDaemonsOwn(DaemonError::notAuthorized{}));
+  EXPECT_FALSE(isUnreachable(DaemonError::noActiveCommitment{}));
+  EXPECT_FALSE(isUnreachable(DaemonError::malformedRequest{"ScopeAddition"}));
+  EXPECT_FALSE(isUnreachable(DaemonError::internalFailure{"No current XPC connection."}));
+  EXPECT_TRUE(isUnreachable(DaemonError::daemonUnavailable{"interrupted"}));
+  EXPECT_TRUE(isUnreachable(DaemonError::daemonDidNotAnswer{5}));
+  EXPECT_TRUE(isUnreachable(DaemonError::notAuthorized{}));
 }
 
 TEST(RegistrationAdvice, saysForEachStateWhatToDoNext) {

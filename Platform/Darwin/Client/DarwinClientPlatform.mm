@@ -9,6 +9,7 @@
 #include "PlatformDarwinText/LocalizedDate.hpp"
 #include "StillowClient/ClientPlatform.hpp"
 #include "StillowClient/PassThrough.hpp"
+#include "StillowClient/RefusalText.hpp"
 #include "StillowClient/RegistrationText.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
 #include "StillowIPC/XPCCommitmentAuthorityClient.hpp"
@@ -38,8 +39,9 @@ Task<Line> passing(std::shared_ptr<Client> daemon, std::string method,
   const std::expected<ipc::SharedBytes, ipc::DaemonError> answered =
       co_await daemon->call(noLimit, send);
   if (answered) co_return client::resultLine(*answered);
-  if (client::isDaemonsOwn(answered.error())) co_return client::errorLine(answered.error());
-  co_return std::unexpected(answered.error().platformError());
+  const ipc::DaemonError& error = answered.error();
+  if (client::isUnreachable(error)) co_return std::unexpected(error.platformError());
+  co_return client::errorLine(error);
 }
 
 class DarwinClientPlatform final : public client::ClientPlatform {

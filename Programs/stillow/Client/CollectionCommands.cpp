@@ -74,7 +74,7 @@ ExitStatus CollectionCommands::edit(const Edit& edit) const {
     return ExitStatus::collection;
   }
   if (asJSON_) {
-    console_.print(core::encode(*collection).value_or(""));  // strings and whole numbers
+    console_.printRecord(*collection);
   } else {
     console_.say(outcome);
   }
@@ -156,7 +156,7 @@ ExitStatus CollectionCommands::listSites(const std::vector<std::string>& groups)
     });
   }
   if (asJSON_) {
-    console_.print(core::encode(*collection).value_or(""));
+    console_.printRecord(*collection);
     return ExitStatus::success;
   }
   if (collection->websites.empty()) {
@@ -240,7 +240,7 @@ ExitStatus CollectionCommands::listGroups() const {
     return ExitStatus::collection;
   }
   if (asJSON_) {
-    console_.print(core::encode(*collection).value_or(""));
+    console_.printRecord(*collection);
     return ExitStatus::success;
   }
   if (collection->groups.empty()) {

@@ -23,12 +23,6 @@ using Result = ipc::CommitmentAuthorityClient::Result;
 
 namespace {
 
-/// Every record that is shown came out of JSON or is made of strings: it has a JSON form.
-template <class Record>
-std::string json(const Record& record) {
-  return core::encode(record).value_or("");
-}
-
 std::vector<TypedSite> sitesOf(const core::DomainSet& scope) {
   std::vector<TypedSite> sites;
   sites.reserve(scope.size());
@@ -100,7 +94,7 @@ bool Commands::isAgreed(const Promise& promise, CommandOptions options) const {
 
 void Commands::show(const DaemonStatus& status, CommandOptions options) const {
   if (options.asJSON) {
-    console_.print(json(status));
+    console_.printRecord(status);
   } else {
     console_.out << statusText(status, console_.outStyle()) << std::flush;
   }
@@ -262,7 +256,7 @@ Task<ExitStatus> Commands::validate(CommandOptions options) {
       validation ? core::getIf<core::EnforcementValidation::failed>(*validation) : nullptr;
   const bool hasPassed = validation && failed == nullptr;
   if (options.asJSON) {
-    console_.print(json(status->readiness));
+    console_.printRecord(status->readiness);
   } else if (hasPassed) {
     console_.say(
         "The block works: a connection that had to be blocked was, and another one got through.");
@@ -277,7 +271,7 @@ Task<ExitStatus> Commands::explain(std::string site, CommandOptions options) {
   const auto understood = with_.normalizer().normalize(site);
   if (!understood) co_return refuse({siteRefusal(site, understood.error())});
   if (options.asJSON) {
-    console_.print(json(*understood));
+    console_.printRecord(*understood);
     co_return ExitStatus::success;
   }
   const TextStyle style = console_.outStyle();

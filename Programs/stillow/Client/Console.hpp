@@ -4,6 +4,7 @@
 #include <iosfwd>
 
 #include "StillowClient/TextLayout.hpp"
+#include "StillowCore/Coding.hpp"
 
 namespace stillow::client {
 
@@ -38,6 +39,12 @@ struct Console {
   void tell(std::string_view text) const;
   /// JSON, or anything else that must not be wrapped, with a line end.
   void print(std::string_view text) const;
+  /// Its JSON: every record that is shown came out of JSON, or is made of strings and finite
+  /// numbers.
+  template <class Record>
+  void printRecord(const Record& record) const {
+    print(core::encode(record).value_or(""));
+  }
 };
 
 }  // namespace stillow::client

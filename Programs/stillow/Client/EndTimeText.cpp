@@ -4,7 +4,6 @@
 #include <array>
 #include <chrono>
 #include <cmath>
-#include <ctime>
 #include <optional>
 #include <vector>
 
@@ -175,12 +174,7 @@ std::string formSentence(std::string_view text) {
 }  // namespace
 
 LocalOffset localOffset() {
-  return [](core::Date moment) {
-    const auto seconds = static_cast<std::time_t>(std::floor(moment.unixSeconds()));
-    std::tm local{};
-    (void)::localtime_r(&seconds, &local);  // fails only for years beyond an int
-    return static_cast<double>(local.tm_gmtoff);
-  };
+  return [](core::Date moment) { return static_cast<double>(localTime(moment).tm_gmtoff); };
 }
 
 std::expected<core::Date, std::string> parseEndTime(std::string_view text, core::Date now,

@@ -37,10 +37,4 @@ std::string unknownMethodLine() {
   return std::string(head) + R"("error":{"code":-32601,"message":"Method not found"}})";
 }
 
-bool isDaemonsOwn(const ipc::DaemonError& error) {
-  return !core::is<ipc::DaemonError::daemonUnavailable>(error) &&
-         !core::is<ipc::DaemonError::daemonDidNotAnswer>(error) &&
-         !core::is<ipc::DaemonError::notAuthorized>(error);
-}
-
 }  // namespace stillow::client

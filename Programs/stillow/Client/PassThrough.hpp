@@ -18,7 +18,4 @@ namespace stillow::client {
 [[nodiscard]] std::string errorLine(const ipc::DaemonError& error);
 [[nodiscard]] std::string unknownMethodLine();
 
-/// The daemon said so itself, so there is a line of its own; otherwise it was not reached.
-[[nodiscard]] bool isDaemonsOwn(const ipc::DaemonError& error);
-
 }  // namespace stillow::client

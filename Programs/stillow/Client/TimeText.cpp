@@ -5,6 +5,7 @@
 #include <cmath>
 #include <ctime>
 
+#include "StillowClient/TextLayout.hpp"
 #include "StillowCore/JSONText.hpp"
 
 namespace stillow::client {
@@ -21,15 +22,7 @@ struct Unit {
 constexpr std::array units{Unit{'h', secondsPerHour}, Unit{'m', secondsPerMinute}, Unit{'s', 1}};
 
 std::string refusal(std::string_view text) {
-  return "“" + std::string(text) +
-         "” is no duration: write hours, minutes and seconds like 2h, 90m or 1h30m.";
-}
-
-std::tm localTime(core::Date date) {
-  const auto seconds = static_cast<std::time_t>(std::floor(date.unixSeconds()));
-  std::tm local{};
-  (void)::localtime_r(&seconds, &local);  // fails only for years beyond an int
-  return local;
+  return quoted(text) + " is no duration: write hours, minutes and seconds like 2h, 90m or 1h30m.";
 }
 
 std::string formatted(const std::tm& time, const char* format) {
@@ -38,6 +31,13 @@ std::string formatted(const std::tm& time, const char* format) {
 }
 
 }  // namespace
+
+std::tm localTime(core::Date moment) {
+  const auto seconds = static_cast<std::time_t>(std::floor(moment.unixSeconds()));
+  std::tm local{};
+  (void)::localtime_r(&seconds, &local);  // fails only for years beyond an int
+  return local;
+}
 
 std::expected<double, std::string> parseSeconds(std::string_view text) {
   double total = 0;
@@ -78,8 +78,8 @@ std::expected<core::CommitmentDuration, std::string> parseDuration(std::string_v
   const auto duration = core::CommitmentDuration::fromSeconds(*seconds);
   if (!duration) {
     return std::unexpected(
-        "“" + std::string(text) +
-        "” is not possible: a Commitment runs for more than 0 seconds and at most 24 hours.");
+        quoted(text) +
+        " is not possible: a Commitment runs for more than 0 seconds and at most 24 hours.");
   }
   return *duration;
 }

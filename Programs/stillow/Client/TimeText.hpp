@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ctime>
 #include <expected>
 #include <string>
 #include <string_view>
@@ -9,6 +10,9 @@
 
 /// Durations and moments as people type and read them.
 namespace stillow::client {
+
+/// What the clocks of this process's time zone show, to the second.
+[[nodiscard]] std::tm localTime(core::Date moment);
 
 /// "2h", "90m", "1h30m", "1.5h", "45s": numbers with their units, biggest first, blanks allowed
 /// between. The error is one sentence that names the input and the rule.

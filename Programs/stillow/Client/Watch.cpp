@@ -93,7 +93,7 @@ class View {
     const bool isBack = !std::exchange(isConnected_, true) && last_.has_value();
     if (isBack) tell("The daemon is back.");
     if (asJSON_) {
-      console_.print(core::encode(status).value_or(""));  // it came out of JSON
+      console_.printRecord(status);
     } else if (!last_) {
       put(firstText(status));
     } else {

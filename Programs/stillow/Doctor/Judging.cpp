@@ -48,12 +48,12 @@ void Judgement::ok(std::string_view check, std::string meaning) {
   report_.findings.push_back({.check = std::string(check), .meaning = std::move(meaning)});
 }
 
-void Judgement::notChecked(std::string_view check, const NotObserved& why) {
+void Judgement::notChecked(std::string_view check, const NotObserved& why, Causes causes) {
   Finding finding{.check = std::string(check),
                   .state = FindingState::notChecked,
                   .meaning = why.needsRoot ? "Only root may look at it." : why.reason};
   if (why.needsRoot) finding.action = "Run: sudo stillow doctor";
-  report_.findings.push_back(std::move(finding));
+  add(std::move(finding), causes);
 }
 
 void Judgement::warn(std::string_view check, std::string meaning, std::string action,
@@ -119,12 +119,8 @@ std::optional<bool> Judgement::probedHostIsBlocked() const {
 void Judgement::judgeBlocking() {
   constexpr auto name = check::blocking;
   if (!seen_.validation) {
-    notChecked(name, {.reason = "The daemon could not be asked for a test of the block."});
-    if (isWrong(check::daemon)) {
-      const Finding& daemon = *find(check::daemon);
-      report_.findings.back().consequenceOf = daemon.consequenceOf.value_or(daemon.check);
-    }
-    return;
+    return notChecked(name, {.reason = "The daemon could not be asked for a test of the block."},
+                      {check::daemon});
   }
   if (!*seen_.validation) {
     return fail(

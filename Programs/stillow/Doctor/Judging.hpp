@@ -67,7 +67,7 @@ class Judgement {
   void probedHost();
 
   void ok(std::string_view check, std::string meaning);
-  void notChecked(std::string_view check, const NotObserved& why);
+  void notChecked(std::string_view check, const NotObserved& why, Causes causes = {});
   /// Judged as wrong because of the first of `causes` that is; else for itself.
   void warn(std::string_view check, std::string meaning, std::string action, Causes causes = {});
   void fail(std::string_view check, std::string meaning, std::string action, Causes causes = {});

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 
+#include "StillowClient/TextLayout.hpp"
 #include "StillowCore/SumType.hpp"
 #include "StillowDoctor/Judging.hpp"
 #include "StillowIPC/StillowDaemonService.hpp"
@@ -92,8 +93,7 @@ void Judgement::signature() {
       return ok(name, "This program is signed as one of Stillow’s.");
     case Standing::refused:
       return fail(name, "The daemon will not talk to this program. " + seen_.signature.reason,
-                  "Run the stillow that was installed together with the daemon. If this is it, "
-                  "install Stillow again.");
+                  std::string(client::useMatchingProgramStep));
     case Standing::unchecked:
       break;
   }
@@ -233,9 +233,9 @@ void Judgement::directive() {
                   "Look again; if this stays: " + restart, {check::stateDirectory});
     }
   }
-  ok(name, scope ? "The filter is told to block " + std::to_string(scope->domains.size()) +
-                       (scope->domains.size() == 1 ? " site." : " sites.")
-                 : "The filter is told that nothing is to be blocked.");
+  ok(name,
+     scope ? "The filter is told to block " + client::counted(scope->domains.size(), "site") + "."
+           : "The filter is told that nothing is to be blocked.");
 }
 
 bool Judgement::isQueueHeldByStranger() const {
@@ -289,15 +289,13 @@ void Judgement::rules() {
   if (must.value_or(false)) {
     const Causes withStranger{check::filter, check::daemon};
     const Causes alone{check::daemon};
-    const bool isStranger =
-        seen_.queue && seen_.queue->holder.kind == platform::FilterQueueHolder::Kind::stranger;
     return fail(name,
                 "The rules that lead " + familyNames(broken) +
                     " traffic to the filter are gone or incomplete, so it is not blocked.",
                 "The daemon puts them back. If it does not, another program keeps taking them "
                 "away, such as a firewall that loads its rules anew. " +
                     client::readDaemonLogStep(seen_.hasServiceManager),
-                isStranger ? withStranger : alone);
+                isQueueHeldByStranger() ? withStranger : alone);
   }
   const bool isBare = std::ranges::all_of(*seen_.rules, [](const FamilyRulesObservation& each) {
     return each.installed == platform::InstalledRules{};

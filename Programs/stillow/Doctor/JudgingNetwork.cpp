@@ -23,6 +23,9 @@ bool answered(const DiagnosticExchange& exchange) {
   return exchange.outcome == DiagnosticConnectionOutcome::answered;
 }
 
+constexpr const char* reinstallTrustStore =
+    "Install it anew: sudo apt install --reinstall ca-certificates";
+
 std::string interfacesText(const authority::NetworkPathSnapshot& path) {
   std::string text;
   for (const std::string& name : path.interfaces) text += (text.empty() ? "" : ", ") + name;
@@ -56,15 +59,14 @@ void Judgement::trustStore() {
   constexpr auto name = check::trustStore;
   if (!seen_.trustStore) return notChecked(name, seen_.trustStore.error());
   const TrustStoreObservation& store = *seen_.trustStore;
-  const std::string reinstall = "Install it anew: sudo apt install --reinstall ca-certificates";
   if (!store.isReadable) {
     return fail(name,
                 "The list of trusted certificate authorities cannot be read: " + store.path + ".",
-                reinstall);
+                reinstallTrustStore);
   }
   if (store.certificates == 0) {
     return fail(name, "No certificate authority is trusted: " + store.path + " holds none.",
-                reinstall);
+                reinstallTrustStore);
   }
   ok(name, std::to_string(store.certificates) +
                (store.certificates == 1 ? " authority is" : " authorities are") + " trusted.");
@@ -164,7 +166,7 @@ void Judgement::failedExchange(std::string_view name, std::string_view host,
                   causes);
     case Failure::trustStoreUnusable:
       return fail(name, "The list of trusted authorities cannot be used" + detail + ".",
-                  "Install it anew: sudo apt install --reinstall ca-certificates", causes);
+                  reinstallTrustStore, causes);
     case Failure::other:
       break;
   }

@@ -32,8 +32,7 @@ ReachFinding closedFinding(const ReachObservation& observed) {
     case Standing::refused:
       return {ReachCause::ownSignature,
               closed + ", because it does not know this program. " + observed.signature.reason,
-              "Run the stillow that was installed together with the daemon. If this is it, install "
-              "Stillow again."};
+              std::string(useMatchingProgramStep)};
     case Standing::trusted:
       return {ReachCause::closedUnanswered,
               closed + ". The signature of this program is not the cause: it is valid.",

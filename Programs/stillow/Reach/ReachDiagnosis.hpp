@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "PlatformLinuxIPC/DaemonSocket.hpp"
 #include "StillowIPC/DaemonError.hpp"
@@ -59,6 +60,10 @@ struct ReachObservation {
 /// since the call can make the answer wrong. Blocks like `observeReach`.
 [[nodiscard]] std::optional<ReachFinding> diagnoseReach(const ReachTarget& target);
 
+/// For a user whose program the daemon does not know.
+inline constexpr std::string_view useMatchingProgramStep =
+    "Run the stillow that was installed together with the daemon. If this is it, install Stillow "
+    "again.";
 /// The command with which a user starts the daemon, or reads its log.
 [[nodiscard]] std::string startDaemonStep(bool hasServiceManager);
 [[nodiscard]] std::string readDaemonLogStep(bool hasServiceManager);
