@@ -17,8 +17,10 @@ class DiagnosticAnswer {
 
   explicit DiagnosticAnswer(std::string host) : host_(std::move(host)) {}
 
-  /// A response began. `httpStatus` is absent where it was not HTTP.
+  /// A response began, in place of any before. `httpStatus` is absent where it was not HTTP.
   void respond(std::optional<long> httpStatus);
+  /// For a transport that tells the status after the body.
+  void setHTTPStatus(long httpStatus) { httpStatus_ = httpStatus; }
 
   /// Takes a piece of the body. False if no more is wanted: the connection may be ended.
   [[nodiscard]] bool take(std::string_view bytes);

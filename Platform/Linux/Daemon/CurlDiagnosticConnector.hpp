@@ -13,9 +13,6 @@ namespace stillow::platform {
 /// caches, credentials or remembered TLS sessions.
 class CurlDiagnosticConnector final : public authority::DiagnosticConnecting {
  public:
-  /// Far more than "ok " and a host name. Whoever sends more is another host.
-  static constexpr std::size_t bodyBytesMax = 1024;
-
   /// Connections are made on `blocking`, one after the other where it has one thread.
   explicit CurlDiagnosticConnector(std::shared_ptr<concurrency::BlockingExecutor> blocking);
 
