@@ -6,6 +6,7 @@ import hashlib
 import os
 import re
 import shutil
+from contextlib import ExitStack, closing
 from pathlib import Path
 
 from namespaces import NetworkNamespace, TemporaryDirectory, remove_leftovers
@@ -102,7 +103,7 @@ class DebianMachine:
     `internet`. Nothing outside is changed but for names with this process's id."""
 
     def __init__(self, tree):
-        self._closers = []
+        self._parts = ExitStack()
         remove_leftovers()
         try:
             self.directory = self._keep(TemporaryDirectory("booted")).path
@@ -113,19 +114,17 @@ class DebianMachine:
             self._process = None
             self._leader = None
             self._link_name = f"stw{os.getpid()}"
-            self._closers.append(self.turn_off)
+            self._parts.callback(self.turn_off)
             self._install_network()
         except BaseException:
             self.close()
             raise
 
-    def _keep(self, closable):
-        self._closers.append(closable.close)
-        return closable
+    def _keep(self, part):
+        return self._parts.enter_context(closing(part))
 
     def close(self):
-        while self._closers:
-            self._closers.pop()()
+        self._parts.close()
 
     def _install_network(self):
         units = self.root / "etc/systemd/system"

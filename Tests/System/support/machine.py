@@ -5,6 +5,7 @@ private, so an installation on the same machine is neither seen nor disturbed.""
 import json
 import os
 import signal
+from contextlib import ExitStack, closing
 from pathlib import Path
 
 from namespaces import Link, NetworkNamespace, PrivateRoot, TemporaryDirectory, remove_leftovers
@@ -16,22 +17,12 @@ CONTROL_HOST = "new-probe.stillow.larchmoor.com"
 SOCKET_NAME = "com.larchmoor.Stillow.daemon.sock"
 
 
-class Stopping:
-    """Ends a process with the machine that it belongs to."""
-
-    def __init__(self, process):
-        self._process = process
-
-    def close(self):
-        self._process.stop()
-
-
 class Machine:
     """`bin_directory` holds the executables; `sites` are served besides the probe hosts."""
 
     def __init__(self, bin_directory, sites):
         self.bin = Path(bin_directory)
-        self._closers = []
+        self._parts = ExitStack()
         remove_leftovers()
         try:
             self._build(sites)
@@ -39,9 +30,8 @@ class Machine:
             self.close()
             raise
 
-    def _keep(self, closable):
-        self._closers.append(closable.close)
-        return closable
+    def _keep(self, part):
+        return self._parts.enter_context(closing(part))
 
     def _build(self, sites):
         self.directory = self._keep(TemporaryDirectory("machine")).path
@@ -84,8 +74,7 @@ class Machine:
         self.hosts.write_text("\n".join(lines) + "\n", encoding="utf-8")
 
     def close(self):
-        while self._closers:
-            self._closers.pop()()
+        self._parts.close()
 
     # ---- the product's processes
 
@@ -97,7 +86,7 @@ class Machine:
     def start_program(self, program, *arguments):
         process = Process(self.inside(self.bin / program, *arguments),
                           self.directory / f"{program}.log")
-        self._keep(Stopping(process))
+        self._parts.callback(process.stop)
         return process
 
     def start_filter(self):
