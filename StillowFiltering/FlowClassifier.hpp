@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -22,9 +24,11 @@ namespace stillow::filtering {
 /// looked at for EvidenceBoundedPolicy::inspectionBytesMax bytes while anything is blocked, then
 /// released.
 ///
-/// Every operation may be called from any thread. Each is one step under one lock, which is never
-/// held while a directive's names are being indexed. Stops the process where a counter would
-/// overflow.
+/// Every operation may be called from any thread and is one step. The lock has lanes: what a flow's
+/// name alone decides takes that of its thread, so that threads do not wait for each other; what
+/// the remembered pairs have a part in takes the lane of these; what changes the rules takes every
+/// lane. None is held while a directive's names are being indexed. Stops the process where a
+/// counter would overflow.
 class FlowClassifier {
  public:
   FlowClassifier(const std::optional<EnforcementDirective>& directive, core::Date now,
@@ -59,19 +63,51 @@ class FlowClassifier {
   /// A probe with an index of its own, so that lending one does not touch that of the Scope.
   struct HeldProbe;
 
-  // The caller of these holds `lock_`.
-  void dropExpiredProbe(core::Date now);
-  /// Forgets the remembered pairs when nothing is blocked any more.
-  void updateIsEnforcing(core::Date now);
-  [[nodiscard]] bool matches(std::string_view hostname) const;
-  [[nodiscard]] FlowClassification decide(const FlowEvidence& evidence, core::Date now);
+  /// Processors that write into one cache line take turns with it. Twice the usual size of one:
+  /// some have lines of this size, some fetch two at a time.
+  static constexpr std::size_t apartBytes = 128;
+  static constexpr std::size_t laneCount = 8;
 
-  mutable std::mutex lock_;
+  struct alignas(apartBytes) Lane {
+    std::mutex lock;
+    // Of the flows that were judged by their names alone.
+    std::int64_t flowsDropped = 0;
+    std::int64_t flowsReleased = 0;
+  };
+  struct alignas(apartBytes) PairLane {
+    explicit PairLane(NameAddressAssociations::Limits limits) : associations(limits) {}
+
+    std::mutex lock;
+    NameAddressAssociations associations;
+    FilterCounters counters;  ///< without what the other lanes have counted
+  };
+  /// Holds every lane.
+  class WholeLock;
+
+  [[nodiscard]] Lane& laneOfThisThread() const noexcept;
+  /// Calls `judge` in a lane, or under the whole lock if a probe has ended, which `dropEndedProbe`
+  /// then drops.
+  template <class Judge>
+  auto inLane(core::Date now, Judge judge);
+  template <class Judge>
+  auto inPairLane(core::Date now, Judge judge);
+
+  [[nodiscard]] FlowClassification classifyInPairLane(const FlowEvidence& evidence, core::Date now);
+
+  // Under any lane.
+  [[nodiscard]] bool hasProbeEnded(core::Date now) const noexcept;
+  [[nodiscard]] bool matches(std::string_view hostname) const;
+  // Under the lane of the pairs.
+  [[nodiscard]] FlowClassification decide(const FlowEvidence& evidence, core::Date now) const;
+  // Within `judge`.
+  void dropEndedProbe(core::Date now) noexcept;
+  // Under the whole lock.
+  void forgetPairs() noexcept;
+
   std::shared_ptr<const ScopeIndex> scope_;
   std::unique_ptr<HeldProbe> probe_;
-  bool isEnforcing_ = false;
-  NameAddressAssociations associations_;
-  FilterCounters counters_;
+  mutable std::array<Lane, laneCount> lanes_;
+  mutable PairLane pairs_;
 };
 
 }  // namespace stillow::filtering

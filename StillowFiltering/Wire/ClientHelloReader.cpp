@@ -4,6 +4,9 @@
 #include <array>
 #include <cstring>
 #include <optional>
+#include <string_view>
+
+#include "StillowCore/Text.hpp"
 
 namespace stillow::filtering {
 namespace {
@@ -17,6 +20,16 @@ constexpr std::size_t recordHeaderBytes = 5;
 constexpr std::size_t handshakeHeaderBytes = 4;
 constexpr std::size_t recordFragmentBytesMax = 16'384;
 constexpr std::size_t sessionIDBytesMax = 32;
+
+/// What a part of a hello says: a reading, of which the name has not been looked at.
+enum class HelloOutcome : std::uint8_t { needMore, none, found };
+struct RawReading {
+  HelloOutcome outcome = HelloOutcome::none;
+  WireBytes name;
+
+  RawReading(HelloOutcome itsOutcome, WireBytes itsName = {}) noexcept
+      : outcome(itsOutcome), name(itsName) {}
+};
 
 /// Walks through a message of which only the beginning may be there. `end()` is where the message,
 /// or the part of it that is being read, ends by its own word. The first read that fails decides
@@ -37,7 +50,7 @@ class MessageCursor {
     const std::size_t start = at_;
     if (!skip(count)) return std::nullopt;
     if (at_ > available_.size()) {
-      outcome_ = NameReading::needMore{};
+      outcome_ = HelloOutcome::needMore;
       return std::nullopt;
     }
     return available_.subspan(start, count);
@@ -60,17 +73,17 @@ class MessageCursor {
 
   [[nodiscard]] bool isAtEnd() const noexcept { return at_ == end_; }
   /// Why a read failed.
-  [[nodiscard]] NameReading outcome() const noexcept { return outcome_; }
+  [[nodiscard]] HelloOutcome outcome() const noexcept { return outcome_; }
 
  private:
   WireBytes available_;
   std::size_t end_;
   std::size_t at_ = 0;
-  NameReading outcome_ = NameReading::none{};
+  HelloOutcome outcome_ = HelloOutcome::none;
 };
 
-/// What the server_name extension names; a reading of its own while that is not known.
-NameReading readServerName(MessageCursor extension) noexcept {
+/// What the server_name extension names.
+RawReading readServerName(MessageCursor extension) noexcept {
   const auto listBytes = extension.number(2);
   if (!listBytes) return extension.outcome();
   auto list = extension.part(*listBytes);
@@ -82,17 +95,32 @@ NameReading readServerName(MessageCursor extension) noexcept {
     if (!nameBytes) return list->outcome();
     const auto name = list->bytes(*nameBytes);
     if (!name) return list->outcome();
-    if (*type != hostNameType) continue;
-    const auto hostName = HostName::read(*name);
-    if (!hostName) return NameReading::none{};
-    return NameReading::found{*hostName};
+    if (*type == hostNameType) return {HelloOutcome::found, *name};
   }
-  return NameReading::none{};
+  return HelloOutcome::none;
 }
 
-NameReading readExtensions(MessageCursor extensions) noexcept {
-  std::optional<NameReading>
-      publicName;  // found, and it says something unless the hello is encrypted
+// Kept short on purpose: a name in this list goes unread, so each needs a provider that was seen to
+// use it for all its customers. A name that is missing here costs only that its flows are taken for
+// visits to the provider itself.
+constexpr std::array<std::string_view, 2> publicNames{
+    "cloudflare-ech.com",  // every site behind that provider, since 2023
+    "encryptedsni.com",    // the same provider's second outer name, seen since 2025
+};
+
+/// Whether `HostName` would read one of them from these bytes.
+bool isPublicName(WireBytes bytes) noexcept {
+  if (!bytes.empty() && bytes.back() == '.') bytes = bytes.first(bytes.size() - 1);
+  return std::ranges::any_of(publicNames, [bytes](std::string_view name) {
+    return std::ranges::equal(bytes, name, {}, [](std::uint8_t byte) {
+      return core::text::lowercasedASCII(static_cast<char>(byte));
+    });
+  });
+}
+
+RawReading readExtensions(MessageCursor extensions) noexcept {
+  // Once found, and it says something unless the hello is encrypted.
+  RawReading publicName = HelloOutcome::none;
   bool isEncrypted = false;
   while (!extensions.isAtEnd()) {
     const auto type = extensions.number(2);
@@ -103,16 +131,54 @@ NameReading readExtensions(MessageCursor extensions) noexcept {
     if (!extension) return extensions.outcome();
 
     if (*type == encryptedClientHelloExtension) isEncrypted = true;
-    if (*type == serverNameExtension && !publicName) {
-      NameReading reading = readServerName(*extension);
-      const HostName* name = reading.name();
+    if (*type == serverNameExtension && publicName.outcome == HelloOutcome::none) {
+      publicName = readServerName(*extension);
       // Only a provider's outer name has to wait for the rest of the hello.
-      if (name == nullptr || !isPublicNameOfEncryptedHello(name->text())) return reading;
-      publicName = reading;
+      if (publicName.outcome != HelloOutcome::found || !isPublicName(publicName.name)) {
+        return publicName;
+      }
     }
-    if (isEncrypted && publicName) return NameReading::none{};
+    if (isEncrypted && publicName.outcome == HelloOutcome::found) return HelloOutcome::none;
   }
-  return publicName.value_or(NameReading::none{});
+  return publicName;
+}
+
+RawReading readMessage(WireBytes available) noexcept {
+  MessageCursor header{available, handshakeHeaderBytes};
+  const auto type = header.number(1);
+  if (!type) return header.outcome();
+  if (*type != clientHelloType) return HelloOutcome::none;
+  const auto bodyBytes = header.number(3);
+  if (!bodyBytes) return header.outcome();
+
+  MessageCursor hello{available.subspan(handshakeHeaderBytes), *bodyBytes};
+  constexpr std::size_t versionAndRandomBytes = 2 + 32;
+  if (!hello.skip(versionAndRandomBytes)) return hello.outcome();
+  const auto sessionIDBytes = hello.number(1);
+  if (!sessionIDBytes) return hello.outcome();
+  if (*sessionIDBytes > sessionIDBytesMax || !hello.skip(*sessionIDBytes))
+    return HelloOutcome::none;
+  for (const std::size_t lengthBytes : {2U, 1U}) {  // cipher suites, compression methods
+    const auto listBytes = hello.number(lengthBytes);
+    if (!listBytes) return hello.outcome();
+    if (!hello.skip(*listBytes)) return HelloOutcome::none;
+  }
+  if (hello.isAtEnd()) return HelloOutcome::none;  // a hello of old, without extensions
+  const auto extensionsBytes = hello.number(2);
+  if (!extensionsBytes) return hello.outcome();
+  const auto extensions = hello.part(*extensionsBytes);
+  if (!extensions) return HelloOutcome::none;
+  return readExtensions(*extensions);
+}
+
+/// The reading of a message of which `available` is there. More may be needed where it `canGrow`.
+NameReading readMessage(WireBytes available, bool canGrow) noexcept {
+  const RawReading reading = readMessage(available);
+  if (reading.outcome == HelloOutcome::needMore && canGrow) return NameReading::needMore{};
+  if (reading.outcome != HelloOutcome::found) return NameReading::none{};
+  const auto name = HostName::read(reading.name);
+  if (!name) return NameReading::none{};
+  return NameReading::found{*name};
 }
 
 /// The handshake bytes at the beginning of a stream of records.
@@ -173,59 +239,19 @@ HandshakePrefix handshakeBytes(WireBytes stream,
 }  // namespace
 
 bool isPublicNameOfEncryptedHello(std::string_view name) noexcept {
-  // Kept short on purpose: a name in this list goes unread, so each needs a provider that was seen
-  // to use it for all its customers. A name that is missing here costs only that its flows are
-  // taken for visits to the provider itself.
-  static constexpr std::array<std::string_view, 2> names{
-      "cloudflare-ech.com",  // every site behind that provider, since 2023
-      "encryptedsni.com",    // the same provider's second outer name, seen since 2025
-  };
-  return std::ranges::find(names, name) != names.end();
+  return std::ranges::find(publicNames, name) != publicNames.end();
 }
 
 NameReading readClientHelloMessage(WireBytes prefix) noexcept {
   const WireBytes available = prefix.first(std::min(prefix.size(), inspectedBytesMax));
-  const auto read = [&]() -> NameReading {
-    MessageCursor header{available, handshakeHeaderBytes};
-    const auto type = header.number(1);
-    if (!type) return header.outcome();
-    if (*type != clientHelloType) return NameReading::none{};
-    const auto bodyBytes = header.number(3);
-    if (!bodyBytes) return header.outcome();
-
-    MessageCursor hello{available.subspan(handshakeHeaderBytes), *bodyBytes};
-    constexpr std::size_t versionAndRandomBytes = 2 + 32;
-    if (!hello.skip(versionAndRandomBytes)) return hello.outcome();
-    const auto sessionIDBytes = hello.number(1);
-    if (!sessionIDBytes) return hello.outcome();
-    if (*sessionIDBytes > sessionIDBytesMax || !hello.skip(*sessionIDBytes)) {
-      return NameReading::none{};
-    }
-    for (const std::size_t lengthBytes : {2U, 1U}) {  // cipher suites, compression methods
-      const auto listBytes = hello.number(lengthBytes);
-      if (!listBytes) return hello.outcome();
-      if (!hello.skip(*listBytes)) return NameReading::none{};
-    }
-    if (hello.isAtEnd()) return NameReading::none{};  // a hello of old, without extensions
-    const auto extensionsBytes = hello.number(2);
-    if (!extensionsBytes) return hello.outcome();
-    const auto extensions = hello.part(*extensionsBytes);
-    if (!extensions) return NameReading::none{};
-    return readExtensions(*extensions);
-  };
-  const NameReading reading = read();
-  if (reading.needsMore() && available.size() == inspectedBytesMax) return NameReading::none{};
-  return reading;
+  return readMessage(available, available.size() < inspectedBytesMax);
 }
 
 NameReading readClientHello(WireBytes prefix) noexcept {
   const WireBytes available = prefix.first(std::min(prefix.size(), inspectedBytesMax));
   std::array<std::uint8_t, inspectedBytesMax> joined;
   const HandshakePrefix handshake = handshakeBytes(available, joined);
-  const NameReading reading = readClientHelloMessage(handshake.bytes);
-  const bool canGrow = handshake.canGrow && available.size() < inspectedBytesMax;
-  if (reading.needsMore() && !canGrow) return NameReading::none{};
-  return reading;
+  return readMessage(handshake.bytes, handshake.canGrow && available.size() < inspectedBytesMax);
 }
 
 }  // namespace stillow::filtering

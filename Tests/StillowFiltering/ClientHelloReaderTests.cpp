@@ -1,5 +1,8 @@
 #include <algorithm>
 #include <array>
+#include <random>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -255,6 +258,154 @@ TEST(ClientHelloReader, neverReadsPastTheNameInADamagedHello) {
       }
     }
   }
+}
+
+/// The rule written down as plainly as possible: all records joined, every field read where it
+/// lies, and the first one that cannot be read ends it.
+class PlainReader {
+ public:
+  static std::string read(WireBytes stream) {
+    const bool isWhole = stream.size() >= inspectedBytesMax;
+    PlainReader reader;
+    const bool canGrow = reader.join(isWhole ? stream.first(inspectedBytesMax) : stream);
+    try {
+      return reader.readMessage();
+    } catch (const Broken&) {
+      return "none";
+    } catch (const NotThere&) {
+      return canGrow && !isWhole ? "need more" : "none";
+    }
+  }
+
+ private:
+  struct Broken {};
+  struct NotThere {};
+
+  /// False once what follows is no handshake record.
+  bool join(WireBytes stream) {
+    while (!stream.empty()) {
+      if (stream[0] != 22 || (stream.size() > 1 && stream[1] != 3) ||
+          (stream.size() > 2 && stream[2] > 4)) {
+        return false;
+      }
+      if (stream.size() < 5) return true;
+      const std::size_t size = stream[3] * std::size_t{256} + stream[4];
+      if (size == 0 || size > 16'384) return false;
+      stream = stream.subspan(5);
+      append(message_, stream.first(std::min(size, stream.size())));
+      if (stream.size() < size) return true;
+      stream = stream.subspan(size);
+    }
+    return true;
+  }
+
+  /// `size` bytes on; what they belong to ends at `end`.
+  void skip(std::size_t size, std::size_t end) {
+    if (at_ + size > end) throw Broken();
+    at_ += size;
+  }
+  std::size_t number(std::size_t size, std::size_t end) {
+    skip(size, end);
+    if (at_ > message_.size()) throw NotThere();
+    std::size_t value = 0;
+    for (std::size_t i = at_ - size; i < at_; ++i) value = value * 256 + message_[i];
+    return value;
+  }
+  /// Where what follows with its size in front of it ends.
+  std::size_t endOfPart(std::size_t sizeBytes, std::size_t end) {
+    const std::size_t size = number(sizeBytes, end);
+    if (at_ + size > end) throw Broken();
+    return at_ + size;
+  }
+
+  std::string readMessage() {
+    if (number(1, 4) != 1) throw Broken();
+    const std::size_t size = number(3, 4);
+    const std::size_t end = 4 + size;
+    skip(34, end);
+    const std::size_t sessionIDBytes = number(1, end);
+    if (sessionIDBytes > 32) throw Broken();
+    skip(sessionIDBytes, end);
+    at_ = endOfPart(2, end);
+    at_ = endOfPart(1, end);
+    if (at_ == end) return "none";
+    const std::size_t extensionsEnd = endOfPart(2, end);
+    std::string publicName;
+    bool isEncrypted = false;
+    while (at_ < extensionsEnd) {
+      const std::size_t type = number(2, extensionsEnd);
+      const std::size_t extensionEnd = endOfPart(2, extensionsEnd);
+      if (type == 0xfe0d) isEncrypted = true;
+      if (type == 0 && publicName.empty()) {
+        const std::string name = readServerName(extensionEnd);
+        if (!isPublicNameOfEncryptedHello(name)) return name;
+        publicName = name;
+      }
+      if (isEncrypted && !publicName.empty()) return "none";
+      at_ = extensionEnd;
+    }
+    return publicName.empty() ? "none" : publicName;
+  }
+
+  std::string readServerName(std::size_t extensionEnd) {
+    const std::size_t end = endOfPart(2, extensionEnd);
+    while (at_ < end) {
+      const std::size_t type = number(1, end);
+      const std::size_t size = number(2, end);
+      skip(size, end);
+      if (at_ > message_.size()) throw NotThere();
+      if (type != 0) continue;
+      const auto name = HostName::read(WireBytes{message_}.subspan(at_ - size, size));
+      return name ? std::string(name->text()) : "none";
+    }
+    return "none";
+  }
+
+  Bytes message_;
+  std::size_t at_ = 0;
+};
+
+TEST(ClientHelloReader, agreesWithThePlainRuleOnAnyBytes) {
+  std::mt19937_64 random(8'446);
+  const auto below = [&random](std::size_t bound) { return random() % bound; };
+  const auto anExtension = [&]() -> TestExtension {
+    switch (below(9)) {
+      case 0:
+        return serverName("www.example.com");
+      case 1:
+        return serverName("CloudFlare-ECH.com.");
+      case 2:
+        return serverName("cloudflare-ech.com");
+      case 3:
+        return serverName("not/a/name");
+      case 4:
+        return serverName("another.example", static_cast<std::uint8_t>(below(2)));
+      case 5:
+        return encryptedHello();
+      case 6:
+        return {.type = 51, .body = Bytes(below(2'500), 0x77)};
+      case 7:
+        return {.type = 0, .body = Bytes(below(6), static_cast<std::uint8_t>(below(3)))};
+      default:
+        return alpn;
+    }
+  };
+  std::size_t named = 0;
+  for (int round = 0; round < 20'000; ++round) {
+    std::vector<TestExtension> extensions;
+    for (std::size_t count = below(5); count > 0; --count) extensions.push_back(anExtension());
+    Bytes stream = inRecords(helloMessage(extensions), below(2) == 0 ? 16'384 : 1 + below(300));
+    // Mostly in the head, where the lengths are.
+    for (std::size_t damages = below(4); damages > 0; --damages) {
+      stream[below(std::min<std::size_t>(stream.size(), below(3) == 0 ? stream.size() : 140))] =
+          static_cast<std::uint8_t>(below(2) == 0 ? below(4) : below(256));
+    }
+    if (below(2) == 0) stream.resize(below(stream.size() + 1));
+    const std::string expected = PlainReader::read(stream);
+    ASSERT_EQ(readStream(stream), expected) << "round " << round;
+    if (expected != "none" && expected != "need more") ++named;
+  }
+  EXPECT_GT(named, 1'000U);
 }
 
 }  // namespace

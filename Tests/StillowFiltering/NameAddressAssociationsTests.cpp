@@ -5,6 +5,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -276,6 +277,7 @@ class PlainAssociations {
   }
 
   [[nodiscard]] std::size_t count() const { return entries_.size(); }
+  void removeAll() { entries_.clear(); }
 
  private:
   struct Entry {
@@ -327,6 +329,65 @@ TEST(NameAddressAssociations, agreesWithThePlainRuleUnderAnyClock) {
         const std::string each = "10.0.0." + std::to_string(i);
         ASSERT_EQ(table.names(address(each), asked), plain.names(each, asked))
             << "step " << step << ", " << each;
+      }
+    }
+  }
+}
+
+TEST(NameAddressAssociations, agreesWithThePlainRuleInLargerTables) {
+  for (std::uint64_t seed = 0; seed < 8; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    const auto below = [&random](std::size_t bound) { return random() % bound; };
+    const std::size_t addressesMax = 40 + below(160);
+    const NameAddressAssociations::Limits limits{
+        .lifetime = 500,
+        .maximumAddresses = static_cast<std::int64_t>(addressesMax),
+        .maximumNamesPerAddress = 3};
+    NameAddressAssociations table(limits);
+    PlainAssociations plain(limits);
+    Date now = start;
+    const auto expectSame = [&](std::size_t number, int step) {
+      ASSERT_EQ(table.names(numbered(number), now),
+                plain.names(std::string(numbered(number).literal()), now))
+          << "step " << step << ", number " << number;
+    };
+    const std::size_t numbersEnd = 2 * addressesMax;
+    for (int step = 0; step < 1'500; ++step) {
+      // Now and then so long that many go at once, and seldom backwards.
+      now =
+          now + (below(50) == 0 ? static_cast<double>(below(400)) : static_cast<double>(below(2)));
+      if (below(40) == 0) now = now + -static_cast<double>(below(30));
+      if (below(700) == 0) {
+        table.removeAll();
+        plain.removeAll();
+      }
+      // Some addresses are much more frequent than others.
+      const std::size_t number = below(1 + below(numbersEnd));
+      const std::string name = "name" + std::to_string(below(5)) + ".of.some.length.example";
+      table.record(name, numbered(number), now);
+      plain.record(name, std::string(numbered(number).literal()), now);
+      ASSERT_EQ(table.count(), plain.count()) << "step " << step;
+      ASSERT_NO_FATAL_FAILURE(expectSame(number, step));
+      ASSERT_NO_FATAL_FAILURE(expectSame(below(numbersEnd), step));
+      if (step % 100 != 0) continue;
+      for (std::size_t i = 0; i < numbersEnd; ++i) ASSERT_NO_FATAL_FAILURE(expectSame(i, step));
+    }
+  }
+}
+
+/// A name is lowered in words of eight bytes, so each length and place has to be tried.
+TEST(NameAddressAssociations, lowersACapitalLetterWhereverItStands) {
+  for (std::size_t size = 1; size <= 40; ++size) {
+    for (std::size_t at = 0; at < size; ++at) {
+      for (const char c : std::string_view{"@AMZ[`az{-09"}) {
+        std::string name(size, 'x');
+        name[at] = c;
+        std::string expected = name;
+        if (c >= 'A' && c <= 'Z') expected[at] = static_cast<char>(c - 'A' + 'a');
+        NameAddressAssociations table(roomy);
+        table.record(name, numbered(1), start);
+        ASSERT_THAT(table.names(numbered(1), start), ElementsAre(expected));
       }
     }
   }
