@@ -13,6 +13,7 @@
 
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -93,10 +94,19 @@ bool packetsWait() {
   return !status || !*status || (*status)->waiting > 0;
 }
 
+/// How often the service manager wants a sign of life: half the time that it waits for one; none if
+/// it does not watch this process.
+std::optional<std::chrono::microseconds> signInterval() {
+  std::uint64_t microseconds = 0;
+  if (::sd_watchdog_enabled(0, &microseconds) <= 0) return std::nullopt;
+  return std::chrono::microseconds(microseconds / 2);
+}
+
 /// The running program: everything that lives as long as the loop.
 class Filter {
  public:
-  Filter(platform::PacketQueue queue, platform::FlowCutter cutter, int signalDescriptor)
+  Filter(platform::PacketQueue queue, platform::FlowCutter cutter, core::FileDescriptor bell,
+         int signalDescriptor)
       : queue_(std::move(queue)),
         cutter_(std::move(cutter)),
         events_(std::string(stateDirectory), std::string(Store::fileName)),
@@ -104,6 +114,7 @@ class Filter {
         classifier_(std::nullopt, core::systemTime(),
                     filtering::NameAddressAssociations::machineLimits),
         judge_(classifier_),
+        heartbeat_(std::move(bell)),
         loop_(
             {
                 .queue = queue_,
@@ -113,9 +124,10 @@ class Filter {
                 .heartbeat = heartbeat_,
                 .wallClock = core::systemTime,
                 .signalDescriptor = signalDescriptor,
+                .signInterval = signInterval(),
             },
             {
-                .tick = [] { (void)::sd_notify(0, "WATCHDOG=1"); },
+                .giveSign = [] { (void)::sd_notify(0, "WATCHDOG=1"); },
                 .signal = [this](std::uint32_t number) { return takeSignal(number); },
                 .watchingFailed = [this](std::error_code error) { watchAgain(error); },
                 .cuttingFailed = [this](std::error_code error) { reportCutting(error); },
@@ -125,7 +137,7 @@ class Filter {
             [this](const auto& health) { reportHealth(health); }) {}
 
   ExitStatus run() {
-    const platform::LoopWatchdog watchdog(heartbeat_, packetsWait);
+    const platform::LoopWatchdog watchdog(heartbeat_, queue_.descriptor(), packetsWait);
     heartbeat_.beginLongWork();
     if (const auto watching = watcher_.start(); !watching) reportWatching(watching.error());
     heartbeat_.endLongWork();
@@ -242,7 +254,9 @@ ExitStatus runFilter() {
   }
   auto cutter = platform::FlowCutter::open();
   if (!cutter) return systemFailure("cannot open sockets to cut connections", cutter.error());
-  Filter filter(std::move(*queue), std::move(*cutter), signalDescriptor);
+  core::FileDescriptor bell(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!bell) return systemFailure("cannot watch the packet loop", {errno, std::generic_category()});
+  Filter filter(std::move(*queue), std::move(*cutter), std::move(bell), signalDescriptor);
   return filter.run();
 }
 

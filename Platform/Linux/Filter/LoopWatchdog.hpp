@@ -2,17 +2,22 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <thread>
+#include <utility>
+
+#include "StillowCore/FileDescriptor.hpp"
 
 namespace stillow::platform {
 
-/// The sign of life of a loop. Its thread beats it; any thread may read.
+/// The sign of life of a loop, and the bell for its watchdog. The loop's thread beats it; any
+/// thread may read.
 class LoopHeartbeat {
  public:
+  /// `bell` is an eventfd that does not block.
+  explicit LoopHeartbeat(core::FileDescriptor bell) noexcept : bell_(std::move(bell)) {}
+
   void beat() noexcept { turns_.fetch_add(1, std::memory_order_relaxed); }
   [[nodiscard]] std::uint64_t turns() const noexcept {
     return turns_.load(std::memory_order_relaxed);
@@ -28,9 +33,22 @@ class LoopHeartbeat {
     return isInLongWork_.load(std::memory_order_relaxed);
   }
 
+  /// Called by the loop once it has packets in hand. Costs a system call only if the watchdog has
+  /// gone to sleep.
+  void rouseWatchdog() noexcept {
+    if (watchdogSleeps_.load() && watchdogSleeps_.exchange(false)) ring();
+  }
+  [[nodiscard]] bool watchdogSleeps() const noexcept { return watchdogSleeps_; }
+
  private:
+  friend class LoopWatchdog;
+
+  void ring() const noexcept;
+
+  core::FileDescriptor bell_;
   std::atomic<std::uint64_t> turns_ = 0;
   std::atomic<bool> isInLongWork_ = false;
+  std::atomic<bool> watchdogSleeps_ = false;
 };
 
 /// Judges from observations whether a loop hangs while somebody waits for it. Pure.
@@ -63,24 +81,31 @@ class HangDetector {
 
 /// A thread that ends the process when its packet loop hangs, so that packets pass again and the
 /// service manager starts a new one.
+///
+/// It looks once in `interval` while there is traffic. Once the loop rests and nothing waits it
+/// sleeps, until packets come that the loop does not take at once, or until the loop has taken
+/// some.
 class LoopWatchdog {
  public:
   static constexpr std::chrono::milliseconds interval{500};
 
-  /// `packetsWait` is asked on the watchdog's thread. `heartbeat` has to outlive the watchdog.
-  LoopWatchdog(const LoopHeartbeat& heartbeat, std::function<bool()> packetsWait);
+  /// `packetsWait` is asked on the watchdog's thread: whether the kernel holds packets that were
+  /// not answered, those that the loop has in hand included. `queue` becomes readable when packets
+  /// come. Both and `heartbeat` have to outlive the watchdog.
+  LoopWatchdog(LoopHeartbeat& heartbeat, int queue, std::function<bool()> packetsWait);
   LoopWatchdog(const LoopWatchdog&) = delete;
   LoopWatchdog& operator=(const LoopWatchdog&) = delete;
   ~LoopWatchdog();
 
  private:
   void watch();
+  /// False once the watchdog is to end.
+  [[nodiscard]] bool wait(bool isAsleep);
 
-  const LoopHeartbeat& heartbeat_;
+  LoopHeartbeat& heartbeat_;
+  int queue_;
   std::function<bool()> packetsWait_;
-  std::mutex lock_;
-  std::condition_variable stopRequest_;
-  bool mustStop_ = false;
+  std::atomic<bool> mustStop_ = false;
   std::thread thread_;
 };
 

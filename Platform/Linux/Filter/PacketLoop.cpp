@@ -19,6 +19,25 @@ std::unexpected<std::error_code> lastSystemError() {
   return std::unexpected(std::error_code(errno, std::generic_category()));
 }
 
+std::expected<void, std::error_code> setTimer(const core::FileDescriptor& timer,
+                                              std::chrono::microseconds delay,
+                                              std::chrono::microseconds interval) {
+  const auto split = [](std::chrono::microseconds time) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    return timespec{.tv_sec = seconds.count(),
+                    .tv_nsec = std::chrono::nanoseconds(time - seconds).count()};
+  };
+  const itimerspec schedule{.it_interval = split(interval), .it_value = split(delay)};
+  if (::timerfd_settime(timer.get(), 0, &schedule, nullptr) != 0) return lastSystemError();
+  return {};
+}
+
+/// So that the timer waits again.
+void takeExpirations(const core::FileDescriptor& timer) {
+  std::uint64_t expirations = 0;
+  (void)!::read(timer.get(), &expirations, sizeof(expirations));
+}
+
 std::uint32_t bitsFor(PacketAnswer answer) noexcept {
   switch (answer) {
     case PacketAnswer::release:
@@ -51,13 +70,15 @@ std::expected<void, std::error_code> PacketLoop::run() {
 
 std::expected<void, std::error_code> PacketLoop::prepare() {
   poll_ = core::FileDescriptor(::epoll_create1(EPOLL_CLOEXEC));
-  timer_ = core::FileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-  if (!poll_ || !timer_) return lastSystemError();
-  const timespec interval{.tv_sec = tickInterval.count(), .tv_nsec = 0};
-  const itimerspec schedule{.it_interval = interval, .it_value = interval};
-  if (::timerfd_settime(timer_.get(), 0, &schedule, nullptr) != 0) return lastSystemError();
+  ticks_ = core::FileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  signs_ = core::FileDescriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  if (!poll_ || !ticks_ || !signs_) return lastSystemError();
+  if (parts_.signInterval) {
+    const auto interval = *parts_.signInterval;
+    if (const auto set = setTimer(signs_, interval, interval); !set) return set;
+  }
   for (const int descriptor : {parts_.queue.descriptor(), parts_.events.descriptor(),
-                               parts_.signalDescriptor, timer_.get()}) {
+                               parts_.signalDescriptor, ticks_.get(), signs_.get()}) {
     if (descriptor < 0) continue;  // nothing is watched at the moment: the tick tries again
     epoll_event event{.events = EPOLLIN, .data = {.fd = descriptor}};
     if (::epoll_ctl(poll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) return lastSystemError();
@@ -66,19 +87,22 @@ std::expected<void, std::error_code> PacketLoop::prepare() {
 }
 
 std::expected<void, std::error_code> PacketLoop::turn() {
-  std::array<epoll_event, 4> ready{};
+  if (const auto scheduled = scheduleTick(); !scheduled) return scheduled;
+  std::array<epoll_event, 5> ready{};
   const int timeoutMilliseconds = flowsToCut_.empty() ? -1 : 0;
   const int count =
       ::epoll_wait(poll_.get(), ready.data(), static_cast<int>(ready.size()), timeoutMilliseconds);
   if (count < 0 && errno != EINTR) return lastSystemError();
   parts_.heartbeat.beat();
   bool packetsAreReady = false;
-  bool timerIsReady = false;
+  bool tickIsReady = false;
+  bool signIsReady = false;
   bool signalIsReady = false;
   for (int index = 0; index < count; ++index) {
     const int descriptor = ready[static_cast<std::size_t>(index)].data.fd;
     packetsAreReady |= descriptor == parts_.queue.descriptor();
-    timerIsReady |= descriptor == timer_.get();
+    tickIsReady |= descriptor == ticks_.get();
+    signIsReady |= descriptor == signs_.get();
     signalIsReady |= descriptor == parts_.signalDescriptor;
   }
   if (packetsAreReady) {
@@ -87,7 +111,11 @@ std::expected<void, std::error_code> PacketLoop::turn() {
     takeDirectoryEvents();
   }
   cutSomeFlows();
-  if (timerIsReady) tick();
+  if (tickIsReady) tick();
+  if (signIsReady) {
+    takeExpirations(signs_);
+    hooks_.giveSign();
+  }
   if (signalIsReady) isEnding_ = !takeSignals();
   return {};
 }
@@ -96,6 +124,7 @@ std::expected<void, std::error_code> PacketLoop::turn() {
 std::expected<std::size_t, std::error_code> PacketLoop::judgePackets() {
   const auto packets = parts_.queue.receive();
   if (!packets) return std::unexpected(packets.error());
+  parts_.heartbeat.rouseWatchdog();
   takeDirectoryEvents();  // after the packets came, before any of them is judged
   const auto moment = now();
   for (const auto& packet : *packets) {
@@ -133,9 +162,18 @@ void PacketLoop::cutSomeFlows() {
   }
 }
 
+/// Sets the timer if there is something to come back to and it is not set.
+std::expected<void, std::error_code> PacketLoop::scheduleTick() {
+  const bool isNeeded =
+      parts_.judge.undecidedCount() > 0 || watchingHasFailed_ || parts_.events.descriptor() < 0;
+  if (!isNeeded || isTickScheduled_) return {};
+  isTickScheduled_ = true;
+  return setTimer(ticks_, tickInterval, {});
+}
+
 void PacketLoop::tick() {
-  std::uint64_t expirations = 0;
-  (void)!::read(timer_.get(), &expirations, sizeof(expirations));  // only to make it wait again
+  takeExpirations(ticks_);
+  isTickScheduled_ = false;
   parts_.judge.expire(now());
   if (std::exchange(watchingHasFailed_, false) || parts_.events.descriptor() < 0) {
     // Starts anew. The old descriptor leaves the set by being closed.
@@ -144,7 +182,6 @@ void PacketLoop::tick() {
     epoll_event event{.events = EPOLLIN, .data = {.fd = descriptor}};
     if (descriptor >= 0) (void)::epoll_ctl(poll_.get(), EPOLL_CTL_ADD, descriptor, &event);
   }
-  hooks_.tick();
 }
 
 bool PacketLoop::takeSignals() {

@@ -5,6 +5,7 @@
 #include <deque>
 #include <expected>
 #include <functional>
+#include <optional>
 #include <system_error>
 
 #include "PlatformLinuxFilter/DirectoryEvents.hpp"
@@ -30,6 +31,9 @@ struct PacketLoopCounters {
 /// The order is a promise: directory events are taken after packets were received and before they
 /// are judged, so a directive that was renamed into place before a packet was sent is in force when
 /// that packet is judged. While a large directive is being indexed packets therefore wait.
+///
+/// It sleeps until something happens. Only while a flow's time runs, or while nothing can be
+/// watched, it looks about once in `tickInterval`.
 class PacketLoop {
  public:
   /// Flows cut between two looks at the queue. Each costs a few microseconds; a grown Scope may ask
@@ -45,9 +49,11 @@ class PacketLoop {
     LoopHeartbeat& heartbeat;
     core::WallClock wallClock;
     int signalDescriptor = -1;  ///< of a signalfd
+    /// How often somebody wants a sign of life; none: nobody does.
+    std::optional<std::chrono::microseconds> signInterval;
   };
   struct Hooks {
-    std::function<void()> tick;  ///< about once in `tickInterval`
+    std::function<void()> giveSign;  ///< once in `signInterval`
     /// A signal arrived; false ends the loop.
     std::function<bool(std::uint32_t signalNumber)> signal;
     /// Directory events can no longer be taken. Called at most once in `tickInterval`; whoever is
@@ -75,6 +81,7 @@ class PacketLoop {
   [[nodiscard]] std::expected<std::size_t, std::error_code> judgePackets();
   void takeDirectoryEvents();
   void cutSomeFlows();
+  [[nodiscard]] std::expected<void, std::error_code> scheduleTick();
   void tick();
   [[nodiscard]] bool takeSignals();
   [[nodiscard]] Moment now() const;
@@ -82,7 +89,9 @@ class PacketLoop {
   Parts parts_;
   Hooks hooks_;
   core::FileDescriptor poll_;
-  core::FileDescriptor timer_;
+  core::FileDescriptor ticks_;
+  core::FileDescriptor signs_;
+  bool isTickScheduled_ = false;
   std::deque<FlowKey> flowsToCut_;
   bool mustRevise_ = false;
   bool isEnding_ = false;
