@@ -13,7 +13,8 @@
 
 namespace stillow::platform {
 
-/// Values by flow, bounded in number and in age. All memory is taken at construction.
+/// Values by flow, bounded in number and in age. All memory is taken at construction; the system
+/// gives a place its pages when it is used first.
 ///
 /// Each value lives for `lifetime` from its insertion, whatever happens to it meanwhile, so that a
 /// flow cannot keep itself remembered. When the map is full the value inserted longest ago goes.
@@ -32,18 +33,16 @@ class BoundedFlowMap {
   };
 
   explicit BoundedFlowMap(Limits limits, FlowKeyHash hash = FlowKeyHash())
-      : limits_(limits), hash_(hash), entries_(limits.flowsMax) {
+      : limits_(limits), hash_(hash) {
     core::require(limits.flowsMax > 0 && limits.flowsMax < none, "a flow map needs a size");
     std::size_t buckets = 1;
     while (buckets < limits.flowsMax) buckets *= 2;
     buckets_.assign(buckets, none);
-    for (std::size_t index = limits.flowsMax; index-- > 0;) {
-      entries_[index].nextInBucket = std::exchange(free_, static_cast<Index>(index));
-    }
+    entries_.reserve(limits.flowsMax);
   }
 
   [[nodiscard]] std::size_t count() const noexcept { return count_; }
-  [[nodiscard]] bool isFull() const noexcept { return free_ == none; }
+  [[nodiscard]] bool isFull() const noexcept { return count_ == limits_.flowsMax; }
 
   /// The value of a flow that has one and has not expired. Valid until the next change of the map.
   [[nodiscard]] Value* find(const FlowKey& key, TimePoint now) noexcept {
@@ -55,9 +54,8 @@ class BoundedFlowMap {
   /// Puts a value in place for a flow that has none. Precondition: not full.
   Value& insert(const FlowKey& key, Value value, TimePoint now) {
     core::require(!isFull(), "flow map: no room was made");
-    const Index index = free_;
+    const Index index = freePlace();
     Entry& entry = entries_[index];
-    free_ = entry.nextInBucket;
     entry.key = key;
     entry.insertedAt = now;
     entry.value = std::move(value);
@@ -130,6 +128,13 @@ class BoundedFlowMap {
     return index;
   }
 
+  /// One that was given back, if there is one: its memory is warm. Precondition: not full.
+  Index freePlace() {
+    if (free_ != none) return std::exchange(free_, entries_[free_].nextInBucket);
+    entries_.emplace_back();  // within what was reserved: no entry moves
+    return static_cast<Index>(entries_.size() - 1);
+  }
+
   Item takeOldest() {
     Entry& entry = remove(oldest_);
     return {entry.key, std::move(entry.value)};
@@ -149,7 +154,7 @@ class BoundedFlowMap {
 
   Limits limits_;
   FlowKeyHash hash_;
-  std::vector<Entry> entries_;
+  std::vector<Entry> entries_;  ///< those that were ever used
   std::vector<Index> buckets_;
   Index free_ = none;
   Index oldest_ = none;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <type_traits>
 #include <unordered_set>
+#include <vector>
 
 #include "StillowCore/Invariant.hpp"
 
@@ -23,7 +24,8 @@ static_assert(std::is_trivially_copyable_v<RecordHead>);
 
 }  // namespace
 
-ReleasedFlows::ReleasedFlows(std::size_t memoryBytes) : bytes_(memoryBytes) {
+ReleasedFlows::ReleasedFlows(std::size_t memoryBytes)
+    : size_(memoryBytes), bytes_(std::make_unique_for_overwrite<std::uint8_t[]>(memoryBytes)) {
   core::require(memoryBytes >= sizeof(RecordHead) + nameBytesMax,
                 "the memory of released flows holds not even one");
 }
@@ -32,7 +34,7 @@ void ReleasedFlows::record(const FlowKey& flow, std::string_view name) noexcept 
   if (name.size() > nameBytesMax) name = {};
   const RecordHead head{flow, static_cast<std::uint8_t>(name.size())};
   const std::size_t size = sizeof(head) + name.size();
-  while (bytes_.size() - used_ < size) forgetOldest();
+  while (size_ - used_ < size) forgetOldest();
   const std::size_t end = wrapped(begin_ + used_);
   copyIn(end, &head, sizeof(head));
   copyIn(wrapped(end + sizeof(head)), name.data(), name.size());
@@ -63,17 +65,17 @@ void ReleasedFlows::visit(const Visitor& visitor) const {
 }
 
 void ReleasedFlows::copyIn(std::size_t position, const void* data, std::size_t size) noexcept {
-  const std::size_t first = std::min(size, bytes_.size() - position);
+  const std::size_t first = std::min(size, size_ - position);
   const auto* const source = static_cast<const std::uint8_t*>(data);
-  if (first > 0) std::memcpy(bytes_.data() + position, source, first);
-  if (size > first) std::memcpy(bytes_.data(), source + first, size - first);
+  if (first > 0) std::memcpy(bytes_.get() + position, source, first);
+  if (size > first) std::memcpy(bytes_.get(), source + first, size - first);
 }
 
 void ReleasedFlows::copyOut(std::size_t position, void* data, std::size_t size) const noexcept {
-  const std::size_t first = std::min(size, bytes_.size() - position);
+  const std::size_t first = std::min(size, size_ - position);
   auto* const target = static_cast<std::uint8_t*>(data);
-  if (first > 0) std::memcpy(target, bytes_.data() + position, first);
-  if (size > first) std::memcpy(target + first, bytes_.data(), size - first);
+  if (first > 0) std::memcpy(target, bytes_.get() + position, first);
+  if (size > first) std::memcpy(target + first, bytes_.get(), size - first);
 }
 
 void ReleasedFlows::forgetOldest() noexcept {
