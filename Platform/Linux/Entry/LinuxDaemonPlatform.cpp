@@ -53,8 +53,9 @@ using daemon::LogLine;
 using filtering::StateDirectoryLock;
 
 constexpr const char* stateDirectory = STILLOW_STATE_DIRECTORY;
-/// One thread could do: two keep a status from waiting behind the encoding of a large one.
-constexpr int executorThreads = 2;
+/// With more than one, each event wakes a second thread, which only takes over the waiting: four
+/// wake-ups for every tick of the clock instead of one. What blocks has threads of its own.
+constexpr int executorThreads = 1;
 
 /// Lives until the process ends, like everything that is built from it.
 class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
@@ -62,9 +63,7 @@ class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
   LinuxDaemonPlatform() {
     // A client that goes away in mid-answer is an error of a write, not the end of the daemon.
     (void)std::signal(SIGPIPE, SIG_IGN);
-    for (int i = 0; i < executorThreads; ++i) {
-      std::thread([this] { context_.run(); }).detach();
-    }
+    std::thread([this] { context_.run(); }).detach();
   }
 
   concurrency::Executor executor() override { return context_.get_executor(); }
