@@ -32,6 +32,14 @@ inline bool replaceBarely(const std::string& directory, const std::string& path,
   return isFlushed;
 }
 
+/// A file made new and written at once; nothing is flushed. False if a call fails.
+inline bool writeBarely(const std::string& path, const std::string& content) {
+  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (file < 0) return false;
+  const ::ssize_t written = ::write(file, content.data(), content.size());
+  return ::close(file) == 0 && written == static_cast<::ssize_t>(content.size());
+}
+
 /// And of reading one whole. `content` keeps its memory from one call to the next.
 inline bool readBarely(const std::string& path, std::string& content) {
   const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

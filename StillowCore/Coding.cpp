@@ -48,53 +48,59 @@ void prefixPath(DecodingError& error, std::string_view step) {
 
 std::string indexStep(std::size_t index) { return "[" + std::to_string(index) + "]"; }
 
-std::uint32_t Reader::member(std::uint32_t object, std::string_view name) const noexcept {
-  const std::uint32_t end = document_.node(object).end;
-  for (std::uint32_t key = object + 1; key < end; key = document_.node(key + 1).end) {
-    if (document_.node(key).text == name) return key + 1;
+DecodingError missingKey(std::string_view name) {
+  return {DecodingError::Kind::keyNotFound,
+          {},
+          "No value associated with key CodingKeys(stringValue: \"" + std::string(name) +
+              "\", intValue: nil) (\"" + std::string(name) + "\")."};
+}
+
+std::uint32_t Reader::laterMember(const Members& members, std::string_view name) const noexcept {
+  for (std::uint32_t key = members.next; key < members.end; key = document_.end(key + 1)) {
+    if (document_.text(key) == name) return key + 1;
   }
   return 0;
 }
 
 DecodingError Reader::wrongType(std::uint32_t index, std::string_view expected) const {
-  const Kind found = document_.node(index).kind;
+  const Kind found = document_.kind(index);
   return {DecodingError::Kind::typeMismatch,
           {},
           "Expected to decode " + std::string(expected) + " but found " +
               std::string(foundName(found)) + " instead."};
 }
 
-std::expected<void, DecodingError> Reader::expectObject(std::uint32_t index) const {
-  const Kind kind = document_.node(index).kind;
-  if (kind == Kind::object) return {};
-  if (kind == Kind::null) return std::unexpected(nullValue("Cannot get keyed decoding container"));
-  return std::unexpected(wrongType(index, "Dictionary<String, Any>"));
+DecodingError Reader::noObject(std::uint32_t index) const {
+  if (document_.kind(index) == Kind::null) return nullValue("Cannot get keyed decoding container");
+  return wrongType(index, "Dictionary<String, Any>");
 }
 
-std::expected<void, DecodingError> Reader::expectArray(std::uint32_t index) const {
-  const Kind kind = document_.node(index).kind;
-  if (kind == Kind::array) return {};
-  if (kind == Kind::null)
-    return std::unexpected(nullValue("Cannot get unkeyed decoding container"));
-  return std::unexpected(wrongType(index, "Array<Any>"));
+DecodingError Reader::noArray(std::uint32_t index) const {
+  if (document_.kind(index) == Kind::null) {
+    return nullValue("Cannot get unkeyed decoding container");
+  }
+  return wrongType(index, "Array<Any>");
 }
 
-std::expected<std::string, DecodingError> Reader::readString(std::uint32_t index) const {
-  const auto& node = document_.node(index);
-  if (node.kind == Kind::string) return std::string(node.text);
-  if (node.kind == Kind::null) return std::unexpected(nullValue("Cannot get value of type String"));
-  return std::unexpected(wrongType(index, "String"));
+DecodingError Reader::noString(std::uint32_t index) const {
+  if (document_.kind(index) == Kind::null) return nullValue("Cannot get value of type String");
+  return wrongType(index, "String");
+}
+
+std::expected<std::string_view, DecodingError> Reader::readText(std::uint32_t index) const {
+  if (document_.kind(index) != Kind::string) return std::unexpected(noString(index));
+  return document_.text(index);
 }
 
 std::expected<bool, DecodingError> Reader::readBool(std::uint32_t index) const {
-  const auto& node = document_.node(index);
+  const auto node = document_.node(index);
   if (node.kind == Kind::boolean) return node.truth;
   // Unlike all other types a missing boolean is a mismatch, not an absent value.
   return std::unexpected(wrongType(index, "Bool"));
 }
 
 std::expected<double, DecodingError> Reader::readDouble(std::uint32_t index) const {
-  const auto& node = document_.node(index);
+  const auto node = document_.node(index);
   if (node.kind == Kind::null) return std::unexpected(nullValue("Cannot get value of type Double"));
   if (node.kind != Kind::number) return std::unexpected(wrongType(index, "Double"));
   const auto value = json::parseDouble(node.text);
@@ -103,7 +109,7 @@ std::expected<double, DecodingError> Reader::readDouble(std::uint32_t index) con
 }
 
 std::expected<std::int64_t, DecodingError> Reader::readInteger(std::uint32_t index) const {
-  const auto& node = document_.node(index);
+  const auto node = document_.node(index);
   if (node.kind == Kind::null) return std::unexpected(nullValue("Cannot get value of type Int64"));
   if (node.kind != Kind::number) return std::unexpected(wrongType(index, "Int64"));
   const auto value = json::parseInteger(node.text);
@@ -113,7 +119,7 @@ std::expected<std::int64_t, DecodingError> Reader::readInteger(std::uint32_t ind
 
 void Writer::writeDouble(double value) {
   if (json::appendDouble(text, value)) return;
-  text += "null";
+  text.append("null");
   if (!error) {
     error =
         EncodingError{"Unable to encode Double." + json::description(value) + " directly in JSON."};

@@ -17,6 +17,7 @@
 #include "StillowCore/JSONDocument.hpp"
 #include "StillowCore/JSONText.hpp"
 #include "StillowCore/SumType.hpp"
+#include "StillowCore/TextBuffer.hpp"
 
 /// JSON coding is declared, not programmed: one specialisation of `Coding` per type describes it,
 /// and both directions follow from the description.
@@ -27,6 +28,9 @@
 ///   refined value     using Underlying = U;
 ///                     static const U& (or U) raw(const T&);
 ///                     static std::expected<T, std::string> refine(U);
+///   refined text      static const std::string& raw(const T&);
+///                     static std::optional<T> refine(std::string_view);  // of the JSON text
+///                     static std::string refusal(std::string_view);      // why there is none
 ///
 /// The forms: a record is an object in field order whose absent optional fields are left out;
 /// unknown keys are ignored and the first of duplicate keys wins. A case is an object of exactly
@@ -116,6 +120,10 @@ template <class T>
 concept Named = requires { Coding<T>::names; };
 template <class T>
 concept Refined = requires { typename Coding<T>::Underlying; };
+template <class T>
+concept RefinedText = requires(std::string_view text) {
+  { Coding<T>::refusal(text) } -> std::same_as<std::string>;
+};
 /// A collection whose elements are coded as an array: it has a value_type, iterates, and its Coding
 /// gives `collect(std::vector<value_type>) -> std::expected<T, std::string>`.
 template <class T>
@@ -148,24 +156,42 @@ class Reader {
  private:
   using Kind = JSONDocument::Kind;
 
-  template <class T, class... Fields>
-  std::expected<T, DecodingError> readFields(std::uint32_t object,
-                                             const std::tuple<Fields...>& fields) const;
+  /// Walks the members of an object in step with the fields of a record, which is how they are
+  /// written. Every member before `next` has the name of an earlier field, so the first one of
+  /// another name is never behind it.
+  struct Members {
+    std::uint32_t next;
+    std::uint32_t end;
+  };
+
+  /// `Declared::fields()` are the fields of T, known to the compiler with their names.
+  template <class T, class Declared>
+  std::expected<T, DecodingError> readFields(std::uint32_t object) const;
   template <class T>
   std::expected<T, DecodingError> readCase(std::uint32_t index) const;
   template <class Element>
   std::expected<std::vector<Element>, DecodingError> readElements(std::uint32_t index) const;
   template <class FieldType>
-  std::expected<FieldType, DecodingError> readField(std::uint32_t object,
+  std::expected<FieldType, DecodingError> readField(std::uint32_t value,
                                                     std::string_view name) const;
 
   /// The value of the first member of that name; 0, which is never a member's value, for none.
-  [[nodiscard]] std::uint32_t member(std::uint32_t object, std::string_view name) const noexcept;
-  [[nodiscard]] std::expected<void, DecodingError> expectObject(std::uint32_t index) const;
-  [[nodiscard]] std::expected<void, DecodingError> expectArray(std::uint32_t index) const;
+  [[nodiscard]] std::uint32_t member(Members& members, std::string_view name) const noexcept {
+    if (members.next == members.end) return 0;
+    if (document_.text(members.next) != name) return laterMember(members, name);
+    const std::uint32_t value = members.next + 1;
+    members.next = document_.end(value);
+    return value;
+  }
+  [[nodiscard]] std::uint32_t laterMember(const Members& members,
+                                          std::string_view name) const noexcept;
+  [[nodiscard]] DecodingError noObject(std::uint32_t index) const;
+  [[nodiscard]] DecodingError noArray(std::uint32_t index) const;
+  [[nodiscard]] DecodingError noString(std::uint32_t index) const;
   [[nodiscard]] DecodingError wrongType(std::uint32_t index, std::string_view expected) const;
 
-  [[nodiscard]] std::expected<std::string, DecodingError> readString(std::uint32_t index) const;
+  /// Into the document.
+  [[nodiscard]] std::expected<std::string_view, DecodingError> readText(std::uint32_t index) const;
   [[nodiscard]] std::expected<bool, DecodingError> readBool(std::uint32_t index) const;
   [[nodiscard]] std::expected<double, DecodingError> readDouble(std::uint32_t index) const;
   [[nodiscard]] std::expected<std::int64_t, DecodingError> readInteger(std::uint32_t index) const;
@@ -180,16 +206,21 @@ class Writer {
   template <class T>
   void write(const T& value);
 
-  std::string text;
+  TextBuffer text;
   std::optional<EncodingError> error;
 
  private:
-  template <class Owner, class... Fields>
-  void writeFields(const Owner& owner, const std::tuple<Fields...>& fields);
+  /// `Declared::fields()` are the fields of what is written, known to the compiler with their
+  /// names.
+  template <class Declared, class Owner>
+  void writeFields(const Owner& owner);
+  template <class T>
+  void writeElements(const T& elements);
   void writeDouble(double value);
 };
 
 [[nodiscard]] DecodingError corrupted(std::string description);
+[[nodiscard]] DecodingError missingKey(std::string_view name);
 /// Puts one step in front of the error's path: "name" or "[3]".
 void prefixPath(DecodingError& error, std::string_view step);
 [[nodiscard]] std::string indexStep(std::size_t index);
@@ -202,7 +233,7 @@ template <class T>
   coding::Writer writer;
   writer.write(value);
   if (writer.error) return std::unexpected(std::move(*writer.error));
-  return std::move(writer.text);
+  return std::move(writer.text).take();
 }
 
 /// Reads one value out of a JSON text. Nothing in `bytes` needs to outlive the call.

@@ -1,61 +1,131 @@
 #pragma once  // The templates of Coding.hpp; include that header.
 
+#include <array>
+#include <cstddef>
+#include <cstring>
+
+#include "StillowCore/Base64.hpp"
 #include "StillowCore/Coding.hpp"
 
 namespace stillow::core::coding {
 
 // ---- encoding
 
-template <class Owner, class... Fields>
-void Writer::writeFields(const Owner& owner, const std::tuple<Fields...>& fields) {
-  text += '{';
-  bool isFirst = true;
-  const auto writeOne = [&](const auto& field) {
+/// A name as it stands before its value, such as `,"name":`. The compiler makes it, so a writer
+/// only copies it. Names are plain ASCII.
+template <std::size_t size>
+struct KeyText {
+  std::array<char, size + 4> characters;
+
+  consteval explicit KeyText(std::string_view name) : characters{} {
+    auto out = characters.begin();
+    *out++ = ',';
+    *out++ = '"';
+    for (const char c : name) {
+      if (c < ' ' || c > '~' || c == '"' || c == '\\' || c == '/') throw "a name needs no escapes";
+      *out++ = c;
+    }
+    *out++ = '"';
+    *out++ = ':';
+  }
+  /// With `first` in the place of the comma.
+  void appendTo(TextBuffer& text, char first) const {
+    char* const to = text.room(characters.size());
+    std::memcpy(to, characters.data(), characters.size());
+    *to = first;
+    text.endAt(to + characters.size());
+  }
+};
+
+/// How a record or the payload of a case declares its fields.
+template <class T>
+struct FieldsOfRecord {
+  static constexpr const auto& fields() noexcept { return Coding<T>::fields; }
+};
+template <class T, std::size_t index>
+struct FieldsOfCase {
+  static constexpr const auto& fields() noexcept {
+    return std::get<index>(Coding<T>::cases).fields;
+  }
+};
+
+template <class Declared, class Owner>
+void Writer::writeFields(const Owner& owner) {
+  constexpr const auto& fields = Declared::fields();
+  char separator = '{';
+  [[maybe_unused]] const auto writeOne = [&]<std::size_t index>() {
+    constexpr const auto& field = std::get<index>(fields);
+    static constexpr KeyText<field.name.size()> key(field.name);
     const auto& value = owner.*(field.member);
     using Value = std::remove_cvref_t<decltype(value)>;
     if constexpr (IsOptional<Value>::value) {
       if (!value) return;
     }
-    if (!isFirst) text += ',';
-    isFirst = false;
-    json::appendString(text, field.name);
-    text += ':';
+    key.appendTo(text, separator);
+    separator = ',';
     if constexpr (IsOptional<Value>::value) {
       write(*value);
     } else {
       write(value);
     }
   };
-  std::apply([&](const auto&... each) { (writeOne(each), ...); }, fields);
-  text += '}';
+  [&]<std::size_t... indices>(std::index_sequence<indices...>) {
+    (writeOne.template operator()<indices>(), ...);
+  }(std::make_index_sequence<std::tuple_size_v<std::remove_cvref_t<decltype(fields)>>>{});
+  if (separator == '{') text.append('{');
+  text.append('}');
+}
+
+template <class T>
+void Writer::writeElements(const T& elements) {
+  using Element = typename T::value_type;
+  char separator = '[';
+  if constexpr (RefinedText<Element>) {
+    // They may be many, and most need no escapes: then this is all the memory that they take.
+    std::size_t size = 2 + json::endBytes;
+    for (const Element& element : elements) size += Coding<Element>::raw(element).size() + 3;
+    (void)text.room(size);
+    for (const Element& element : elements) {
+      json::appendString(text, separator, Coding<Element>::raw(element));
+      separator = ',';
+    }
+  } else {
+    for (const auto& element : elements) {
+      text.append(separator);
+      separator = ',';
+      write(element);
+    }
+  }
+  if (separator == '[') text.append('[');
+  text.append(']');
 }
 
 template <class T>
 void Writer::write(const T& value) {
   if constexpr (Record<T>) {
-    writeFields(value, Coding<T>::fields);
+    writeFields<FieldsOfRecord<T>>(value);
   } else if constexpr (Sum<T>) {
-    text += '{';
-    std::apply(
-        [&](const auto&... cases) {
-          const auto writeIfHeld = [&](const auto& described) {
-            using Payload = typename std::remove_cvref_t<decltype(described)>::Type;
-            const Payload* payload = std::get_if<Payload>(&value.cases);
-            if (payload == nullptr) return;
-            json::appendString(text, described.name);
-            text += ':';
-            writeFields(*payload, described.fields);
-          };
-          (writeIfHeld(cases), ...);
-        },
-        Coding<T>::cases);
-    text += '}';
+    const auto writeIfHeld = [&]<std::size_t index>() {
+      constexpr const auto& described = std::get<index>(Coding<T>::cases);
+      static constexpr KeyText<described.name.size()> key(described.name);
+      using Payload = typename std::remove_cvref_t<decltype(described)>::Type;
+      const Payload* payload = std::get_if<Payload>(&value.cases);
+      if (payload == nullptr) return;
+      key.appendTo(text, '{');
+      writeFields<FieldsOfCase<T, index>>(*payload);
+    };
+    [&]<std::size_t... indices>(std::index_sequence<indices...>) {
+      (writeIfHeld.template operator()<indices>(), ...);
+    }(std::make_index_sequence<std::tuple_size_v<decltype(Coding<T>::cases)>>{});
+    text.append('}');
   } else if constexpr (Named<T>) {
     json::appendString(text, rawValue(value));
+  } else if constexpr (RefinedText<T>) {
+    json::appendString(text, Coding<T>::raw(value));
   } else if constexpr (Refined<T>) {
     write(Coding<T>::raw(value));
   } else if constexpr (std::same_as<T, bool>) {
-    text += value ? "true" : "false";
+    text.append(value ? std::string_view("true") : std::string_view("false"));
   } else if constexpr (std::integral<T>) {
     json::appendInteger(text, static_cast<std::int64_t>(value));
   } else if constexpr (std::same_as<T, double>) {
@@ -63,19 +133,12 @@ void Writer::write(const T& value) {
   } else if constexpr (std::same_as<T, Date>) {
     writeDouble(value.secondsSinceReferenceDate);
   } else if constexpr (std::same_as<T, Data>) {
-    json::appendString(text, json::base64Encoded(value.bytes));
+    json::appendBase64(text, value.bytes);
   } else if constexpr (std::convertible_to<const T&, std::string_view>) {
     json::appendString(text, value);
   } else {
     static_assert(Collection<T> || IsVector<T>::value, "no Coding describes this type");
-    text += '[';
-    bool isFirst = true;
-    for (const auto& element : value) {
-      if (!isFirst) text += ',';
-      isFirst = false;
-      write(element);
-    }
-    text += ']';
+    writeElements(value);
   }
 }
 
@@ -84,18 +147,24 @@ void Writer::write(const T& value) {
 template <class T>
 std::expected<T, DecodingError> Reader::read(std::uint32_t index) const {
   if constexpr (Record<T>) {
-    if (auto isObject = expectObject(index); !isObject) return std::unexpected(isObject.error());
-    return readFields<T>(index, Coding<T>::fields);
+    if (document_.kind(index) != Kind::object) return std::unexpected(noObject(index));
+    return readFields<T, FieldsOfRecord<T>>(index);
   } else if constexpr (Sum<T>) {
     return readCase<T>(index);
   } else if constexpr (Named<T>) {
-    auto raw = readString(index);
-    if (!raw) return std::unexpected(std::move(raw.error()));
+    const auto raw = readText(index);
+    if (!raw) return std::unexpected(raw.error());
     for (const auto& entry : Coding<T>::names) {
       if (entry.name == *raw) return entry.value;
     }
     return std::unexpected(corrupted("Cannot initialize " + std::string(Coding<T>::typeName) +
-                                     " from invalid String value " + *raw));
+                                     " from invalid String value " + std::string(*raw)));
+  } else if constexpr (RefinedText<T>) {
+    const auto raw = readText(index);
+    if (!raw) return std::unexpected(raw.error());
+    std::optional<T> refined = Coding<T>::refine(*raw);
+    if (!refined) return std::unexpected(corrupted(Coding<T>::refusal(*raw)));
+    return std::move(*refined);
   } else if constexpr (Refined<T>) {
     auto raw = read<typename Coding<T>::Underlying>(index);
     if (!raw) return std::unexpected(std::move(raw.error()));
@@ -113,10 +182,12 @@ std::expected<T, DecodingError> Reader::read(std::uint32_t index) const {
     if (!seconds) return std::unexpected(seconds.error());
     return Date{*seconds};
   } else if constexpr (std::same_as<T, std::string>) {
-    return readString(index);
+    const auto text = readText(index);
+    if (!text) return std::unexpected(text.error());
+    return std::string(*text);
   } else if constexpr (std::same_as<T, Data>) {
-    auto encoded = readString(index);
-    if (!encoded) return std::unexpected(std::move(encoded.error()));
+    const auto encoded = readText(index);
+    if (!encoded) return std::unexpected(encoded.error());
     auto bytes = json::base64Decoded(*encoded);
     if (!bytes) return std::unexpected(corrupted(std::move(bytes.error())));
     return Data{std::move(*bytes)};
@@ -133,101 +204,104 @@ std::expected<T, DecodingError> Reader::read(std::uint32_t index) const {
 }
 
 template <class FieldType>
-std::expected<FieldType, DecodingError> Reader::readField(std::uint32_t object,
+std::expected<FieldType, DecodingError> Reader::readField(std::uint32_t value,
                                                           std::string_view name) const {
-  const std::uint32_t value = member(object, name);
   if constexpr (IsOptional<FieldType>::value) {
-    if (value == 0 || document_.node(value).kind == Kind::null) return FieldType{};
+    if (value == 0 || document_.kind(value) == Kind::null) return FieldType{};
     auto wrapped = read<typename IsOptional<FieldType>::Wrapped>(value);
     if (wrapped) return FieldType{std::move(*wrapped)};
     prefixPath(wrapped.error(), name);
     return std::unexpected(std::move(wrapped.error()));
   } else {
-    if (value == 0) {
-      return std::unexpected(DecodingError{
-          DecodingError::Kind::keyNotFound,
-          {},
-          "No value associated with key CodingKeys(stringValue: \"" + std::string(name) +
-              "\", intValue: nil) (\"" + std::string(name) + "\")."});
-    }
+    if (value == 0) return std::unexpected(missingKey(name));
     auto result = read<FieldType>(value);
     if (!result) prefixPath(result.error(), name);
     return result;
   }
 }
 
-template <class T, class... Fields>
-std::expected<T, DecodingError> Reader::readFields(std::uint32_t object,
-                                                   const std::tuple<Fields...>& fields) const {
+template <class T, class Declared>
+std::expected<T, DecodingError> Reader::readFields(std::uint32_t object) const {
   // Values need not be default-constructible, so they are gathered first and the record is built
   // from all of them at once, in field order, which is the order of its members.
-  std::tuple<std::optional<typename Fields::Type>...> values;
-  std::optional<DecodingError> error;
-  const auto readOne = [&]<std::size_t index>() {
-    const auto& described = std::get<index>(fields);
-    using Value = typename std::tuple_element_t<index, std::tuple<Fields...>>::Type;
-    auto value = readField<Value>(object, described.name);
-    if (!value) {
-      error = std::move(value.error());
-      return false;
-    }
-    std::get<index>(values).emplace(std::move(*value));
-    return true;
-  };
-  const bool isComplete = [&]<std::size_t... indices>(std::index_sequence<indices...>) {
-    return (readOne.template operator()<indices>() && ...);
-  }(std::index_sequence_for<Fields...>{});
-  if (!isComplete) return std::unexpected(std::move(*error));
-  return std::apply([](auto&... each) { return T{std::move(*each)...}; }, values);
+  using Fields = std::remove_cvref_t<decltype(Declared::fields())>;
+  return [&]<std::size_t... indices>(
+             std::index_sequence<indices...>) -> std::expected<T, DecodingError> {
+    std::tuple<std::optional<typename std::tuple_element_t<indices, Fields>::Type>...> values;
+    std::optional<DecodingError> error;
+    [[maybe_unused]] Members members{object + 1, document_.end(object)};
+    [[maybe_unused]] const auto readOne = [&]<std::size_t index>() {
+      static constexpr std::string_view name = std::get<index>(Declared::fields()).name;
+      auto value = readField<typename std::tuple_element_t<index, Fields>::Type>(
+          member(members, name), name);
+      if (!value) {
+        error = std::move(value.error());
+        return false;
+      }
+      std::get<index>(values).emplace(std::move(*value));
+      return true;
+    };
+    const bool isComplete = (readOne.template operator()<indices>() && ...);
+    if (!isComplete) return std::unexpected(std::move(*error));
+    return T{std::move(*std::get<indices>(values))...};
+  }(std::make_index_sequence<std::tuple_size_v<Fields>>{});
 }
 
 template <class T>
 std::expected<T, DecodingError> Reader::readCase(std::uint32_t index) const {
-  if (auto isObject = expectObject(index); !isObject) return std::unexpected(isObject.error());
+  if (document_.kind(index) != Kind::object) return std::unexpected(noObject(index));
   const auto wrongCount = [] {
     return std::unexpected(corrupted("Invalid number of keys found, expected one."));
   };
   // A key that stands twice counts once: the first wins, here as in records.
-  std::uint32_t value = 0;
-  std::string_view name;
-  const std::uint32_t end = document_.node(index).end;
-  for (std::uint32_t key = index + 1; key < end; key = document_.node(key + 1).end) {
-    const std::string_view found = document_.node(key).text;
-    if (value != 0 && found != name) return wrongCount();
-    if (value == 0) {
-      name = found;
-      value = key + 1;
-    }
+  const std::uint32_t end = document_.end(index);
+  if (index + 1 == end) return wrongCount();
+  const std::string_view name = document_.text(index + 1);
+  const std::uint32_t value = index + 2;
+  for (std::uint32_t key = document_.end(value); key < end; key = document_.end(key + 1)) {
+    if (document_.text(key) != name) return wrongCount();
   }
-  if (value == 0) return wrongCount();
 
   std::optional<std::expected<T, DecodingError>> result;
-  const auto readIfNamed = [&](const auto& described) {
-    if (described.name != name) return false;
-    using Payload = typename std::remove_cvref_t<decltype(described)>::Type;
-    if (auto isObject = expectObject(value); !isObject) {
-      result = std::unexpected(std::move(isObject.error()));
-    } else if (auto payload = readFields<Payload>(value, described.fields); payload) {
-      result = T{std::move(*payload)};
+  const auto readIfNamed = [&]<std::size_t which>() {
+    static constexpr std::string_view caseName = std::get<which>(Coding<T>::cases).name;
+    if (name != caseName) return false;
+    using Payload =
+        typename std::tuple_element_t<which, std::remove_cvref_t<decltype(Coding<T>::cases)>>::Type;
+    if (document_.kind(value) != Kind::object) {
+      result.emplace(std::unexpected(noObject(value)));
+    } else if (auto payload = readFields<Payload, FieldsOfCase<T, which>>(value); payload) {
+      result.emplace(T{std::move(*payload)});
     } else {
-      result = std::unexpected(std::move(payload.error()));
+      result.emplace(std::unexpected(std::move(payload.error())));
     }
     if (!*result) prefixPath(result->error(), name);
     return true;
   };
-  const bool isKnown = std::apply([&](const auto&... cases) { return (readIfNamed(cases) || ...); },
-                                  Coding<T>::cases);
+  const bool isKnown = [&]<std::size_t... indices>(std::index_sequence<indices...>) {
+    return (readIfNamed.template operator()<indices>() || ...);
+  }(std::make_index_sequence<std::tuple_size_v<decltype(Coding<T>::cases)>>{});
   if (!isKnown) return wrongCount();
   return std::move(*result);
 }
 
 template <class Element>
 std::expected<std::vector<Element>, DecodingError> Reader::readElements(std::uint32_t index) const {
-  if (auto isArray = expectArray(index); !isArray) return std::unexpected(isArray.error());
-  const JSONDocument::Node& array = document_.node(index);
+  if (document_.kind(index) != Kind::array) return std::unexpected(noArray(index));
   std::vector<Element> elements;
-  elements.reserve(array.count);
-  for (std::uint32_t child = index + 1; child < array.end; child = document_.node(child).end) {
+  elements.reserve(document_.node(index).count);
+  const std::uint32_t end = document_.end(index);
+  for (std::uint32_t child = index + 1; child < end; child = document_.end(child)) {
+    if constexpr (RefinedText<Element>) {
+      // They may be many: each goes straight to its place. What cannot is read below, for the
+      // error.
+      if (document_.kind(child) == Kind::string) {
+        if (std::optional<Element> refined = Coding<Element>::refine(document_.text(child))) {
+          elements.push_back(std::move(*refined));
+          continue;
+        }
+      }
+    }
     auto element = read<Element>(child);
     if (!element) {
       prefixPath(element.error(), indexStep(elements.size()));

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 
+#include "StillowCore/ByteBlock.hpp"
 #include "StillowCore/Text.hpp"
 
 namespace stillow::core {
@@ -79,20 +80,54 @@ bool isUnicodeName(std::string_view name) {
   return !isLabelEmpty;
 }
 
+/// Where `block` holds what is in no common name, or a dot right before another one: `behind` is
+/// the same bytes from the second on.
+inline ByteBlock uncommon(const ByteBlock& block, const ByteBlock& behind) noexcept {
+  return ~(block.isWithin('a', 'z') | block.isWithin('0', '9') | block.isWithin('-', '.')) |
+         (block.equals('.') & behind.equals('.'));
+}
+
+/// True for most names there are: lower-case letters, digits, hyphens and dots that part them.
+/// Those are domains as they stand. The rest, and what is very short, is to be looked at closely.
+bool isCommonName(std::string_view name) noexcept {
+  constexpr std::size_t half = ByteBlock::size / 2;
+  if (name.size() <= half || name.front() == '.' || name.back() == '.') return false;
+  // Each byte but the last together with the one behind it.
+  const char* const from = name.data();
+  const std::size_t pairCount = name.size() - 1;
+  const auto uncommonAt = [&](std::size_t at) {
+    return uncommon(ByteBlock::load(from + at), ByteBlock::load(from + at + 1));
+  };
+  const char last = name.back();
+  const bool isLastCommon =
+      (last >= 'a' && last <= 'z') || (last >= '0' && last <= '9') || last == '-';
+  if (pairCount < ByteBlock::size) {
+    const std::size_t second = pairCount - half;
+    return isLastCommon && !uncommon(ByteBlock::load(from, from + second),
+                                     ByteBlock::load(from + 1, from + second + 1))
+                                .holdsAnywhere();
+  }
+  const std::size_t lastBlock = pairCount - ByteBlock::size;
+  ByteBlock found = uncommonAt(lastBlock);
+  for (std::size_t at = 0; at < lastBlock; at += ByteBlock::size) found = found | uncommonAt(at);
+  return isLastCommon && !found.holdsAnywhere();
+}
+
 }  // namespace
 
 std::optional<Domain> Domain::make(std::string_view name) {
+  if (isCommonName(name)) return std::optional<Domain>(std::in_place, Passed{}, name);
   if (text::isASCII(name)) {
     if (name.ends_with('.')) name.remove_suffix(1);
     if (!isASCIIName(name)) return std::nullopt;
-    return Domain(text::lowercased(name));
+    return Domain(Passed{}, text::lowercased(name));
   }
   if (!text::isValidUTF8(name)) return std::nullopt;
   std::string lower = text::lowercased(name);
   if (text::hasSuffix(lower, '.')) lower.pop_back();
   // Lower-casing can leave only ASCII: U+212A becomes "k".
   if (text::isASCII(lower) ? !isASCIIName(lower) : !isUnicodeName(lower)) return std::nullopt;
-  return Domain(std::move(lower));
+  return Domain(Passed{}, std::move(lower));
 }
 
 std::weak_ordering operator<=>(const Domain& left, const Domain& right) {

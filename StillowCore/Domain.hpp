@@ -32,8 +32,14 @@ class Domain {
   friend std::weak_ordering operator<=>(const Domain& left, const Domain& right);
 
  private:
-  explicit Domain(std::string name) noexcept : name_(std::move(name)) {}
+  /// Only this class can say that a name has passed.
+  struct Passed {};
 
+ public:
+  Domain(Passed, std::string name) noexcept : name_(std::move(name)) {}
+  Domain(Passed, std::string_view name) : name_(name) {}
+
+ private:
   std::string name_;
 };
 

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <expected>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -13,12 +15,10 @@ namespace stillow::core {
 
 template <>
 struct Coding<Domain> {
-  using Underlying = std::string;
   static const std::string& raw(const Domain& domain) { return domain.name(); }
-  static std::expected<Domain, std::string> refine(const std::string& name) {
-    auto domain = Domain::make(name);
-    if (!domain) return std::unexpected("Not a valid domain name: " + name);
-    return std::move(*domain);
+  static std::optional<Domain> refine(std::string_view name) { return Domain::make(name); }
+  static std::string refusal(std::string_view name) {
+    return "Not a valid domain name: " + std::string(name);
   }
 };
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
@@ -44,6 +45,16 @@ void sortByComposedName(std::vector<Domain>& domains) {
   domains = std::move(sorted);
 }
 
+bool isStrictlyAscendingASCII(const std::vector<Domain>& domains) {
+  std::string_view previous;  // before every name, because none is empty
+  for (const Domain& domain : domains) {
+    const std::string_view name = domain.name();
+    if (!text::isASCII(name) || previous >= name) return false;
+    previous = name;
+  }
+  return true;
+}
+
 }  // namespace
 
 DomainSet::DomainSet(std::vector<Domain> sortedAndUnique) {
@@ -53,8 +64,9 @@ DomainSet::DomainSet(std::vector<Domain> sortedAndUnique) {
 }
 
 DomainSet DomainSet::of(std::vector<Domain> domains) {
+  // The form that is stored and sent, so this is the usual end.
+  if (isStrictlyAscendingASCII(domains)) return DomainSet(std::move(domains));
   const auto isNotBefore = [](const Domain& left, const Domain& right) { return !(left < right); };
-  // Strictly ascending is the form that is stored and sent, so this is the usual end.
   if (std::ranges::adjacent_find(domains, isNotBefore) == domains.end()) {
     return DomainSet(std::move(domains));
   }

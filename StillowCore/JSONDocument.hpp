@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <expected>
 #include <string>
 #include <string_view>
@@ -42,13 +41,45 @@ class JSONDocument {
   /// `bytes` must outlive the document: its strings point into them where nothing was escaped.
   [[nodiscard]] static std::expected<JSONDocument, ParseError> parse(std::string_view bytes);
 
-  [[nodiscard]] const Node& node(std::uint32_t index) const noexcept { return nodes_[index]; }
+  [[nodiscard]] Node node(std::uint32_t index) const noexcept {
+    const Stored& stored = nodes_[index];
+    const bool isContainer = stored.kind == Kind::array || stored.kind == Kind::object;
+    return {.kind = stored.kind,
+            .truth = stored.truth,
+            .end = stored.end,
+            .count = isContainer ? stored.size : 0,
+            .text = isContainer ? std::string_view() : textOf(stored)};
+  }
   [[nodiscard]] static constexpr std::uint32_t root() noexcept { return 0; }
 
+  // Parts of a node, for who needs no more of it.
+  [[nodiscard]] Kind kind(std::uint32_t index) const noexcept { return nodes_[index].kind; }
+  [[nodiscard]] std::uint32_t end(std::uint32_t index) const noexcept { return nodes_[index].end; }
+  /// Of a string or a number.
+  [[nodiscard]] std::string_view text(std::uint32_t index) const noexcept {
+    return textOf(nodes_[index]);
+  }
+
  private:
-  friend class JSONDocumentBuilder;
-  std::vector<Node> nodes_;
-  std::deque<std::string> unescaped_;
+  friend class JSONDocumentParser;
+
+  /// A node as it is kept: half the size.
+  struct Stored {
+    Kind kind;
+    bool truth = false;
+    bool isUnescaped = false;  ///< the text is not in the source
+    std::uint32_t end = 0;
+    std::uint32_t begin = 0;  ///< of the text
+    std::uint32_t size = 0;   ///< of the text, or the count
+  };
+
+  [[nodiscard]] std::string_view textOf(const Stored& stored) const noexcept {
+    return {(stored.isUnescaped ? unescaped_.data() : source_) + stored.begin, stored.size};
+  }
+
+  const char* source_ = nullptr;
+  std::vector<Stored> nodes_;
+  std::vector<char> unescaped_;  ///< the strings with escapes, one behind the other
 };
 
 }  // namespace stillow::core

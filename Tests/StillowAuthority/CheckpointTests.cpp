@@ -14,7 +14,7 @@
 
 #include "AuthorityTesting.hpp"
 #include "StillowAuthority/CommitmentCheckpointStore.hpp"
-#include "StillowCore/JSONText.hpp"
+#include "StillowCore/Base64.hpp"
 #include "StillowCore/SHA256.hpp"
 #include "StillowFiltering/Storage/PosixFileSystem.hpp"
 #include "TestSupport/SimulatedFileSystem.hpp"

@@ -1,26 +1,86 @@
+#include <bit>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <random>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include <gtest/gtest.h>
 
+#include "StillowCore/Base64.hpp"
 #include "StillowCore/JSONText.hpp"
+#include "StillowCore/TextBuffer.hpp"
 
 namespace stillow::core::json {
 namespace {
 
 std::string encodedDouble(double value) {
-  std::string text;
+  TextBuffer text;
   EXPECT_TRUE(appendDouble(text, value));
-  return text;
+  return std::move(text).take();
 }
 
 std::string encodedString(std::string_view value) {
   std::string text;
   appendString(text, value);
+  return text;
+}
+
+/// One character after the other.
+std::string plainlyEncodedString(std::string_view value) {
+  static const std::string_view signs = "\"\\/\b\t\n\f\r";
+  static const std::string_view letters = "\"\\/btnfr";
+  std::string text = "\"";
+  for (const char c : value) {
+    if (const std::size_t at = signs.find(c); at != std::string_view::npos) {
+      text += {'\\', letters[at]};
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+      text += escape;
+    } else {
+      text += c;
+    }
+  }
+  return text + '"';
+}
+
+/// Six bits after the other.
+std::string plainlyEncodedBase64(std::string_view bytes) {
+  static const std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  std::uint32_t held = 0;
+  int bits = 0;
+  for (const char c : bytes) {
+    held = held << 8 | static_cast<unsigned char>(c);
+    for (bits += 8; bits >= 6; bits -= 6) text += alphabet[held >> (bits - 6) & 63];
+  }
+  if (bits > 0) text += alphabet[held << (6 - bits) & 63];
+  while (text.size() % 4 != 0) text += '=';
+  return text;
+}
+
+/// The fewest digits as the standard library finds them; for numbers that are written without an
+/// exponent.
+std::string plainlyEncodedDouble(double value) {
+  char text[400];
+  return {text, std::to_chars(text, text + sizeof text, value, std::chars_format::fixed).ptr};
+}
+
+/// Mostly plain characters, so that whole blocks of them come as well.
+std::string randomText(std::mt19937_64& random, std::size_t length) {
+  const bool isPlain = random() % 2 == 0;
+  std::string text;
+  while (text.size() < length) {
+    text += isPlain || random() % 16 != 0 ? static_cast<char>('a' + random() % 26)
+                                          : static_cast<char>(random() % 256);
+  }
   return text;
 }
 
@@ -89,11 +149,30 @@ TEST(JSONText, readsBackEveryFiniteDoubleItWrites) {
   }
 }
 
+TEST(JSONText, writesEachDoubleAsTheStandardLibraryDoes) {
+  std::mt19937_64 random(20261121);
+  for (int i = 0; i < 100'000; ++i) {
+    // Every exponent from 2^-2 to 2^53; a third with few digits, as people write them, a third with
+    // few bits, among them the powers of two.
+    double value = std::ldexp(1 + static_cast<double>(random() >> 12) * 0x1p-52,
+                              static_cast<int>(random() % 56) - 2);
+    if (i % 3 == 1) value = std::round(value * 1'000) / 1'000;
+    if (i % 3 == 2) {
+      auto bits = std::bit_cast<std::uint64_t>(value);
+      bits &= ~std::uint64_t{0} << random() % 53;
+      value = std::bit_cast<double>(bits);
+    }
+    if (value < 0.0001 || value > 9'007'199'254'740'992.0) continue;
+    ASSERT_EQ(encodedDouble(value), plainlyEncodedDouble(value));
+    ASSERT_EQ(encodedDouble(-value), plainlyEncodedDouble(-value));
+  }
+}
+
 TEST(JSONText, refusesWhatHasNoNumberForm) {
-  std::string text;
+  TextBuffer text;
   EXPECT_FALSE(appendDouble(text, std::numeric_limits<double>::quiet_NaN()));
   EXPECT_FALSE(appendDouble(text, std::numeric_limits<double>::infinity()));
-  EXPECT_TRUE(text.empty());
+  EXPECT_TRUE(std::move(text).take().empty());
 }
 
 TEST(JSONText, escapesQuotesBackslashesSlashesAndControlCharactersOnly) {
@@ -103,6 +182,52 @@ TEST(JSONText, escapesQuotesBackslashesSlashesAndControlCharactersOnly) {
   EXPECT_EQ(encodedString("\x7f\u0080\u2028\u2029é😀<>&'"), "\"\x7f\u0080\u2028\u2029é😀<>&'\"");
   EXPECT_EQ(encodedString("plain, then / and plain"), R"("plain, then \/ and plain")");
 }
+
+TEST(JSONText, writesEachTextAsOneCharacterAfterTheOther) {
+  std::mt19937_64 random(5);
+  for (int i = 0; i < 20'000; ++i) {
+    const std::string value = randomText(random, random() % 100);
+    ASSERT_EQ(encodedString(value), plainlyEncodedString(value));
+  }
+  // Each sign in each place of a text of each length.
+  for (std::size_t length = 1; length <= 40; ++length) {
+    for (std::size_t at = 0; at < length; ++at) {
+      for (const char c : {'"', '\\', '/', '\0', '\x1f', '\x20', '\x7f', '\x80', '\xff'}) {
+        std::string value(length, 'x');
+        value[at] = c;
+        ASSERT_EQ(encodedString(value), plainlyEncodedString(value));
+      }
+    }
+  }
+}
+
+TEST(JSONText, writesBase64AsAString) {
+  std::mt19937_64 random(6);
+  for (int i = 0; i < 300; ++i) {
+    std::string bytes = randomText(random, random() % 10'000);
+    if (i % 2 == 0) {
+      for (char& byte : bytes) byte = static_cast<char>(random());
+    }
+    TextBuffer text;
+    appendBase64(text, bytes);
+    ASSERT_EQ(std::move(text).take(), plainlyEncodedString(plainlyEncodedBase64(bytes)));
+  }
+}
+
+TEST(TextBuffer, continuesATextAndGrows) {
+  TextBuffer buffer("a text that is longer than what fits into a string without memory of its own");
+  std::string expected =
+      "a text that is longer than what fits into a string without memory of its own";
+  for (int i = 0; i < 10'000; ++i) {
+    buffer.append('/');
+    buffer.append(std::to_string(i));
+    buffer.append("");
+    expected += "/" + std::to_string(i);
+  }
+  EXPECT_EQ(std::move(buffer).take(), expected);
+}
+
+TEST(TextBuffer, isEmptyAtFirst) { EXPECT_EQ(TextBuffer().take(), ""); }
 
 TEST(JSONText, readsIntegersInEveryWholeForm) {
   struct Row {
@@ -175,6 +300,7 @@ TEST(JSONText, decodesTheBase64ItEncodes) {
   for (std::size_t length = 0; length < 300; ++length) {
     std::string bytes(length, '\0');
     for (char& byte : bytes) byte = static_cast<char>(random());
+    EXPECT_EQ(base64Encoded(bytes), plainlyEncodedBase64(bytes));
     EXPECT_EQ(base64Decoded(base64Encoded(bytes)), bytes);
   }
 }

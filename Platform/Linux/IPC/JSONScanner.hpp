@@ -11,7 +11,7 @@ namespace stillow::platform {
 /// `core::JSONDocument` allows, in memory that does not depend on the text.
 ///
 /// What a stranger's line costs must not be a multiple of its length before anybody knows what it
-/// is for. A document of every value would be: `[1,1,1...]` takes 2 bytes a value there and 32
+/// is for. A document of every value would be: `[1,1,1...]` takes 2 bytes a value there and 16
 /// here.
 class JSONScanner {
  public:
