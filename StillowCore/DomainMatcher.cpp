@@ -1,6 +1,7 @@
 #include "StillowCore/DomainMatcher.hpp"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <limits>
 #include <utility>
@@ -24,17 +25,34 @@ constexpr std::size_t gateLabelsMax = 4;
 /// suffix that is not marked passes by accident with about the square of it.
 constexpr double markDensityMax = 0.25;
 
-/// A group's word holds the pilot in its lowest bits. Of the marks of a hash one lies in the next
-/// 32 bits, one in those above.
-constexpr unsigned pilotBits = std::numeric_limits<SlotAssignment::Pilot>::digits;
+/// A group's word holds the pilot in its lowest bits. Above them are the marks: a bit is cleared to
+/// set one. Of the two of a hash one lies in the next 16 bits, one in those above.
+constexpr unsigned pilotBits = SlotAssignment::pilotBits;
 constexpr unsigned marksPerGroup = 64 - pilotBits;
+constexpr std::uint64_t unmarkedGroup = ~std::uint64_t{0} << pilotBits;
+
+/// By the topmost bits of the hash. A table, since shifting a bit twice takes longer.
+constexpr unsigned markBits = 9;
+constexpr std::array<std::uint64_t, std::size_t{1} << markBits> markPairs = [] {
+  std::array<std::uint64_t, std::size_t{1} << markBits> table{};
+  for (std::size_t i = 0; i < table.size(); ++i) {
+    constexpr std::uint64_t one = 1;
+    table[i] = one << (pilotBits + i % 16) | one << (pilotBits + 16 + i / 16);
+  }
+  return table;
+}();
 constexpr std::uint64_t marksOf(std::uint64_t hash) noexcept {
-  const std::uint64_t one = 1;
-  return one << (pilotBits + (hash >> 59U)) | one << (pilotBits + 32 + (hash >> 55U) % pilotBits);
+  return markPairs[hash >> (64 - markBits)];
 }
 constexpr bool isMarked(std::uint64_t group, std::uint64_t hash) noexcept {
-  return (group & marksOf(hash)) == marksOf(hash);
+  return (group & marksOf(hash)) == 0;
 }
+
+constexpr std::uint32_t finalDot = 0x8000'0000;
+/// A "." that is the first of the last bytes: nothing is known of what stands before it.
+constexpr std::uint32_t unclearDot = finalDot >> (Block::size - 1);
+/// Bits below those of the cuts. Set, so that there is always one to find.
+constexpr std::uint32_t noCuts = unclearDot - 1;
 
 bool isAlwaysSeparator(std::size_t) noexcept { return true; }
 
@@ -66,9 +84,15 @@ void forEachDomain(const DomainSet& domains, Visit visit) {
   }
 }
 
+/// What stands in `left` of a slot where no block of a suffix has it: its lowest byte.
+constexpr std::uint64_t freeSlot = 0xff;
+constexpr std::uint64_t longName = 0xfe;
+
 /// What a slot holds of a name: all of it, or its hash where it is longer than that.
 Block blockOf(const Suffix& name) noexcept {
-  return name.length < Block::size ? name.block : Block{.right = name.hash};
+  return name.length < Block::size
+             ? name.block
+             : Block{.right = name.hash, .middle = name.length, .left = longName};
 }
 
 /// Whether `suffix`, ASCII or lower-cased and composed, is `name`.
@@ -85,11 +109,12 @@ DomainMatcher::DomainMatcher(DomainSet domains)
   if (domains_.empty()) return;
   require(domains_.size() < std::numeric_limits<std::uint32_t>::max(), "too many domains to match");
   findLabelsMin();
+  hostBytesMin_ = LastBytes::textBytesMin;
   while (!fill()) hash_ = hash_.successor();
 }
 
 void DomainMatcher::findLabelsMin() {
-  labelsMin_ = std::numeric_limits<std::size_t>::max();
+  labelsMin_ = 2;
   forEachDomain(domains_, [&](const Domain& domain, std::size_t) {
     std::size_t labels = 0;
     forEachSuffixOfName(hash_, domain.name(),
@@ -113,11 +138,9 @@ bool DomainMatcher::fill() {
   });
   fillMarks(names, gates);
 
-  const auto pilots = SlotAssignment::pilots(names, groups_.size());
-  if (!pilots) return false;
-  for (std::size_t i = 0; i < groups_.size(); ++i) groups_[i] |= (*pilots)[i];
+  if (!SlotAssignment::assign(names, groups_)) return false;
   slotCount_ = SlotAssignment::slotsFor(names.size());
-  slots_.assign(slotCount_, {});
+  slots_.assign(slotCount_, Slot{.block = {.left = freeSlot}});
   // Likewise for the slots.
   std::vector<std::uint32_t> places(names.size());
   std::ranges::transform(names, places.begin(), [&](std::uint64_t hash) {
@@ -126,8 +149,7 @@ bool DomainMatcher::fill() {
   forEachDomain(domains_, [&](const Domain& domain, std::size_t name) {
     forEachSuffixOfName(hash_, domain.name(), [&](const Suffix& suffix) {
       if (suffix.offset != 0) return;
-      slots_[places[name]] = {blockOf(suffix), static_cast<std::uint32_t>(name),
-                              static_cast<std::uint32_t>(suffix.length)};
+      slots_[places[name]] = {blockOf(suffix), static_cast<std::uint32_t>(name)};
     });
   });
   return true;
@@ -135,14 +157,14 @@ bool DomainMatcher::fill() {
 
 void DomainMatcher::fillMarks(const Hashes& names, const Hashes& gates) {
   for (std::size_t count = std::bit_ceil(names.size() / 4 + 1);; count *= 2) {
-    groups_.assign(count, 0);
+    groups_.assign(count, unmarkedGroup);
     groupMask_ = count - 1;
-    for (const auto hash : names) groups_[hash & groupMask_] |= marksOf(hash);
-    for (const auto hash : gates) groups_[hash & groupMask_] |= marksOf(hash);
-    std::size_t marks = 0;
-    for (const auto group : groups_) marks += static_cast<std::size_t>(std::popcount(group));
-    const double marksMax = markDensityMax * marksPerGroup * static_cast<double>(count);
-    if (static_cast<double>(marks) <= marksMax) return;
+    for (const auto hash : names) groups_[hash & groupMask_] &= ~marksOf(hash);
+    for (const auto hash : gates) groups_[hash & groupMask_] &= ~marksOf(hash);
+    std::size_t unmarked = 0;
+    for (const auto group : groups_) unmarked += static_cast<std::size_t>(std::popcount(group));
+    const double unmarkedMin = (1 - markDensityMax) * marksPerGroup * static_cast<double>(count);
+    if (static_cast<double>(unmarked) >= unmarkedMin) return;
   }
 }
 
@@ -151,30 +173,44 @@ inline std::uint64_t DomainMatcher::groupOf(std::uint64_t hash) const noexcept {
 }
 
 inline std::size_t DomainMatcher::slotOf(std::uint64_t hash, std::uint64_t group) const noexcept {
-  return SlotAssignment::slotOf(hash, static_cast<SlotAssignment::Pilot>(group), slotCount_);
+  return SlotAssignment::slotOf(hash, group, slotCount_);
 }
 
 bool DomainMatcher::matches(std::string_view host) const {
-  if (slots_.empty() || host.size() <= SuffixHash::hostBytesMin) return matchesInFull(host);
-  std::string_view name = host;
-  name.remove_suffix(host.back() == '.' ? 1 : 0);
-  const SuffixHash::PlainEnd end = SuffixHash::plainEnd(name);
-  if (!end.isPlain) return matchesInFull(host);
-  std::size_t labels = 1;
-  std::uint32_t cuts = end.cuts;
-  for (; labels < labelsMin_; ++labels) cuts &= cuts - 1;
-  for (; cuts != 0 && labels <= gateLabelsMax; ++labels, cuts &= cuts - 1) {
-    const auto length = static_cast<std::size_t>(std::countr_zero(cuts));
-    const Block block = SuffixHash::lastBlock(end, length);
-    const std::uint64_t hash = hash_.hashOf(block, length);
-    const std::uint64_t group = groupOf(hash);
-    // Where nearly every look-up ends, since few hosts are blocked: nothing far has been read yet.
-    if (!isMarked(group, hash)) return false;
-    const Slot& slot = slots_[slotOf(hash, group)];
-    if ((slot.length == length) & (slot.block == block)) return true;
+  if (host.size() < hostBytesMin_) return matchesInFull(host);
+  const LastBytes bytes = LastBytes::of(host);
+  if (!bytes.isASCII) return matchesInFull(host);
+  if ((bytes.dots & finalDot) != 0) return matchesInFull(host);
+  std::uint32_t cuts = (bytes.dots & ~unclearDot) | LastBytes::beginning(host.size()) | noCuts;
+  if (labelsMin_ > 1) cuts = SuffixHash::withoutFirst(cuts);
+  if (cuts <= noCuts) return host.size() >= Block::size && matchesInFull(host);
+  // Whether a host is blocked cannot be foreseen, so there is no branch on it: only on whether a
+  // longer suffix decides.
+  const Probe first = probe(bytes, cuts);
+  return first.decides ? first.isMarked : matchesLonger(host, cuts);
+}
+
+bool DomainMatcher::matchesLonger(std::string_view host, std::uint32_t cuts) const {
+  const LastBytes bytes = LastBytes::of(host);
+  for (std::size_t labels = labelsMin_; labels < gateLabelsMax; ++labels) {
+    cuts = SuffixHash::withoutFirst(cuts);
+    // Longer suffixes remain, unless that was the whole host.
+    if (cuts <= noCuts) return host.size() >= Block::size && matchesInFull(host);
+    const Probe next = probe(bytes, cuts);
+    if (next.decides) return next.isMarked;
   }
-  // Longer suffixes remain, unless that was the whole host.
-  return (cuts != 0 || name.size() >= Block::size) && matchesInFull(host);
+  return matchesInFull(host);
+}
+
+inline auto DomainMatcher::probe(const LastBytes& bytes, std::uint32_t cuts) const noexcept
+    -> Probe {
+  const Block block = SuffixHash::blockOf(bytes, SuffixHash::firstOf(cuts));
+  const std::uint64_t hash = hash_.hashOf(block);
+  const std::uint64_t group = groupOf(hash);
+  const std::uint64_t ifMarked = isMarked(group, hash) ? ~std::uint64_t{0} : 0;
+  // Where it is not marked, the first slot is read in vain: unlike the others it is near.
+  const Slot& slot = slots_[slotOf(hash, group) & ifMarked];
+  return {.isMarked = ifMarked != 0, .decides = (slot.block.difference(block) & ifMarked) == 0};
 }
 
 bool DomainMatcher::matchesInFull(std::string_view host) const {
@@ -196,7 +232,7 @@ bool DomainMatcher::matchesAnySuffix(std::string_view name, IsSeparator isSepara
     const std::uint64_t group = groupOf(suffix.hash);
     if (!isMarked(group, suffix.hash)) return suffix.labels <= gateLabelsMax;
     const Slot& slot = slots_[slotOf(suffix.hash, group)];
-    isFound = slot.length == suffix.length && slot.block == blockOf(suffix) &&
+    isFound = slot.block == blockOf(suffix) &&
               (suffix.length < Block::size ||
                isEqual(name.substr(suffix.offset), domains_.begin()[slot.name].name()));
     return isFound;

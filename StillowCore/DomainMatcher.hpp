@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <ranges>
 #include <string>
 #include <string_view>
@@ -44,11 +45,15 @@ class DomainMatcher {
 
   /// A short name lies in its slot, so that finding it costs one cache line and no detour.
   struct Slot {
-    static constexpr std::uint32_t noLength = 0xffff'ffff;  ///< marks a free slot
-
     SuffixHash::Block block;  ///< the hash alone where the name is longer than a block
     std::uint32_t name = 0;
-    std::uint32_t length = noLength;
+  };
+
+  /// What one suffix tells. Where it is marked and decides, it is a name; where it is not marked,
+  /// no name ends in it.
+  struct Probe {
+    bool isMarked;
+    bool decides;  ///< otherwise longer suffixes have to be asked
   };
 
   void findLabelsMin();
@@ -58,13 +63,20 @@ class DomainMatcher {
   void fillMarks(const Hashes& names, const Hashes& gates);
   [[nodiscard]] std::uint64_t groupOf(std::uint64_t hash) const noexcept;
   [[nodiscard]] std::size_t slotOf(std::uint64_t hash, std::uint64_t group) const noexcept;
+  /// Of the shortest of the cuts.
+  [[nodiscard]] Probe probe(const LastBytes& bytes, std::uint32_t cuts) const noexcept;
+  /// Goes on behind the first of the cuts, out of the way of the many look-ups that end there.
+  [[nodiscard, gnu::noinline]] bool matchesLonger(std::string_view host, std::uint32_t cuts) const;
   [[nodiscard]] bool matchesInFull(std::string_view host) const;
   template <class IsSeparator>
   [[nodiscard]] bool matchesAnySuffix(std::string_view name, IsSeparator isSeparator) const;
 
   DomainSet domains_;
   SuffixHash hash_ = SuffixHash::fixed();
-  std::size_t labelsMin_ = 0;  ///< of all names: a shorter suffix is not worth a look
+  /// Shorter hosts take the long way. All of them, while there are no names.
+  std::size_t hostBytesMin_ = std::numeric_limits<std::size_t>::max();
+  /// 1 if a name has one label, else 2: a shorter suffix is not worth a look.
+  std::size_t labelsMin_ = 2;
   /// A word for each group of hashes: its pilot, and marks that tell which hashes may be there.
   std::vector<std::uint64_t> groups_;
   std::size_t groupMask_ = 0;

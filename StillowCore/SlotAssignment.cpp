@@ -1,23 +1,23 @@
 #include "StillowCore/SlotAssignment.hpp"
 
 #include <algorithm>
-#include <limits>
 #include <numeric>
+#include <vector>
 
 namespace stillow::core {
 
 namespace {
 
 /// Takes a slot for each member; none if one of the slots is taken already.
-bool takeSlots(std::span<const std::uint64_t> members, SlotAssignment::Pilot pilot,
+bool takeSlots(std::span<const std::uint64_t> members, std::uint64_t group,
                std::vector<bool>& isTaken) {
   for (std::size_t i = 0; i < members.size(); ++i) {
-    const std::size_t slot = SlotAssignment::slotOf(members[i], pilot, isTaken.size());
+    const std::size_t slot = SlotAssignment::slotOf(members[i], group, isTaken.size());
     if (!isTaken[slot]) {
       isTaken[slot] = true;
       continue;
     }
-    while (i-- > 0) isTaken[SlotAssignment::slotOf(members[i], pilot, isTaken.size())] = false;
+    while (i-- > 0) isTaken[SlotAssignment::slotOf(members[i], group, isTaken.size())] = false;
     return false;
   }
   return true;
@@ -25,8 +25,9 @@ bool takeSlots(std::span<const std::uint64_t> members, SlotAssignment::Pilot pil
 
 }  // namespace
 
-auto SlotAssignment::pilots(std::span<const std::uint64_t> hashes, std::size_t groupCount)
-    -> std::optional<std::vector<Pilot>> {
+bool SlotAssignment::assign(std::span<const std::uint64_t> hashes,
+                            std::span<std::uint64_t> groups) {
+  const std::size_t groupCount = groups.size();
   const auto groupOf = [groupCount](std::uint64_t hash) { return hash & (groupCount - 1); };
   std::vector<std::size_t> starts(groupCount + 1);
   for (const std::uint64_t hash : hashes) ++starts[groupOf(hash) + 1];
@@ -40,16 +41,16 @@ auto SlotAssignment::pilots(std::span<const std::uint64_t> hashes, std::size_t g
   std::ranges::sort(largestFirst, std::greater(), sizeOf);
 
   std::vector<bool> isTaken(slotsFor(hashes.size()));
-  std::vector<Pilot> pilots(groupCount);
   for (const std::size_t group : largestFirst) {
     const auto members = std::span(byGroup).subspan(starts[group], sizeOf(group));
-    Pilot& pilot = pilots[group];
-    while (!takeSlots(members, pilot, isTaken)) {
-      if (pilot == std::numeric_limits<Pilot>::max()) return std::nullopt;
-      ++pilot;
+    std::uint64_t& word = groups[group];
+    const std::uint64_t last = word | ((std::uint64_t{1} << pilotBits) - 1);
+    while (!takeSlots(members, word, isTaken)) {
+      if (word == last) return false;
+      ++word;
     }
   }
-  return pilots;
+  return true;
 }
 
 }  // namespace stillow::core

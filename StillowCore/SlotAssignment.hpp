@@ -2,9 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
-#include <vector>
 
 namespace stillow::core {
 
@@ -15,25 +13,28 @@ namespace stillow::core {
 /// sends all its hashes to slots that are free. The largest groups choose first, while nearly every
 /// slot is; that leaves something for every group although five slots in six are taken in the end.
 struct SlotAssignment {
-  using Pilot = std::uint16_t;
+  /// A group is a word whose lowest bits are the pilot. The others belong to the caller, who sets
+  /// them before slots are assigned: they take part in choosing.
+  static constexpr unsigned pilotBits = 16;
 
   /// How many slots `count` hashes are spread over.
   [[nodiscard]] static constexpr std::size_t slotsFor(std::size_t count) noexcept {
     return count + count / 5 + 1;
   }
 
-  /// One for each group; the group of a hash is its remainder by `groupCount`, a power of two that
-  /// should be about a quarter of the number of hashes. None if two hashes are the same; otherwise
-  /// that is less likely than hashes of different names being the same.
-  [[nodiscard]] static std::optional<std::vector<Pilot>> pilots(
-      std::span<const std::uint64_t> hashes, std::size_t groupCount);
+  /// Sets the pilots, which must be 0. The group of a hash is its remainder by the number of
+  /// groups, a power of two that should be about a quarter of the number of hashes. False if two
+  /// hashes are the same; otherwise that is less likely than hashes of different names being the
+  /// same.
+  [[nodiscard]] static bool assign(std::span<const std::uint64_t> hashes,
+                                   std::span<std::uint64_t> groups);
 
   /// For hashes outside of the set it is the slot of another, or of none.
-  [[nodiscard]] static constexpr std::size_t slotOf(std::uint64_t hash, Pilot pilot,
+  [[nodiscard]] static constexpr std::size_t slotOf(std::uint64_t hash, std::uint64_t group,
                                                     std::size_t slotCount) noexcept {
     __extension__ using Wide = unsigned __int128;
     // The product's upper half is the hash scaled to the number of slots.
-    const std::uint64_t scattered = hash * (0x9e37'79b9'7f4a'7c15 * (2 * std::uint64_t{pilot} + 1));
+    const std::uint64_t scattered = hash * (2 * group + 1);
     return static_cast<std::size_t>((static_cast<Wide>(scattered) * slotCount) >> 64U);
   }
 };

@@ -1,5 +1,6 @@
 #include "StillowCore/SuffixHash.hpp"
 
+#include <algorithm>
 #include <exception>
 #include <random>
 
@@ -10,9 +11,9 @@ SuffixHash SuffixHash::ofThisProcess() {
     try {
       std::random_device random;
       const auto word = [&] { return std::uint64_t{random()} << 32U | random(); };
-      const std::uint64_t seed = word();
-      const std::uint64_t multiplier = word();
-      return SuffixHash(seed, multiplier, word());
+      Key key;
+      std::ranges::generate(key, word);
+      return SuffixHash(key);
     } catch (const std::exception&) {
       // No random source at all. Every answer stays right; only the protection against crafted
       // names is gone, and refusing to filter would be the greater harm.

@@ -19,6 +19,7 @@ std::vector<std::uint64_t> someHashes(std::size_t count) {
 }
 
 TEST(SlotAssignment, givesEveryHashASlotOfItsOwn) {
+  std::mt19937_64 random(816'458'820);
   for (const std::size_t count : {1U, 2U, 3U, 5U, 10U, 100U, 1'000U, 100'000U}) {
     const auto hashes = someHashes(count);
     for (const std::size_t groupCount :
@@ -26,14 +27,19 @@ TEST(SlotAssignment, givesEveryHashASlotOfItsOwn) {
       // Nobody asks for groups of a thousand: no number serves so many at once.
       if (count / groupCount > 10) continue;
       SCOPED_TRACE(testing::Message() << count << " hashes in " << groupCount << " groups");
-      const auto pilots = SlotAssignment::pilots(hashes, groupCount);
-      ASSERT_TRUE(pilots);
-      ASSERT_EQ(pilots->size(), groupCount);
+      std::vector<std::uint64_t> groups(groupCount);
+      // The caller's bits; they have to stay.
+      for (auto& group : groups) group = random() << SlotAssignment::pilotBits;
+      const auto before = groups;
+      ASSERT_TRUE(SlotAssignment::assign(hashes, groups));
+      for (std::size_t i = 0; i < groupCount; ++i) {
+        ASSERT_EQ(groups[i] >> SlotAssignment::pilotBits, before[i] >> SlotAssignment::pilotBits);
+      }
       std::vector<bool> isTaken(SlotAssignment::slotsFor(count));
       std::size_t shared = 0;
       for (const auto hash : hashes) {
-        const auto pilot = (*pilots)[hash & (groupCount - 1)];
-        const std::size_t slot = SlotAssignment::slotOf(hash, pilot, isTaken.size());
+        const auto group = groups[hash & (groupCount - 1)];
+        const std::size_t slot = SlotAssignment::slotOf(hash, group, isTaken.size());
         ASSERT_LT(slot, isTaken.size());
         if (isTaken[slot]) ++shared;
         isTaken[slot] = true;
@@ -44,15 +50,15 @@ TEST(SlotAssignment, givesEveryHashASlotOfItsOwn) {
 }
 
 TEST(SlotAssignment, needsNoHashes) {
-  const auto pilots = SlotAssignment::pilots({}, 1);
-  ASSERT_TRUE(pilots);
-  EXPECT_EQ(pilots->size(), 1U);
+  std::vector<std::uint64_t> groups(1);
+  EXPECT_TRUE(SlotAssignment::assign({}, groups));
 }
 
 TEST(SlotAssignment, refusesTwoEqualHashes) {
   auto hashes = someHashes(1'000);
   hashes[999] = hashes[17];
-  EXPECT_FALSE(SlotAssignment::pilots(hashes, 256));
+  std::vector<std::uint64_t> groups(256);
+  EXPECT_FALSE(SlotAssignment::assign(hashes, groups));
 }
 
 }  // namespace
