@@ -4,11 +4,17 @@
 #include <type_traits>
 #include <utility>
 
-#include <boost/asio/strand.hpp>
-
 #include "StillowConcurrency/Task.hpp"
 
 namespace stillow::concurrency {
+
+/// A strand of its own on `executor`: what it runs comes one at a time, in order.
+///
+/// Better than Asio's `make_strand`, whose strand on an `Executor` looks up its executor at run
+/// time at each step and does not fit into an `Executor` itself, so that each copy is an
+/// allocation. Here the strand on an io_context, which is the daemon's executor, is of that
+/// context's own type.
+[[nodiscard]] Executor makeStrand(const Executor& executor);
 
 /// The strand of a serialised object. Each public operation of such an object is
 /// `co_return co_await serial_.run(body(...))`: the body runs on the strand, so the object's state
@@ -16,7 +22,7 @@ namespace stillow::concurrency {
 /// after each `co_await`.
 class Strand {
  public:
-  explicit Strand(const Executor& executor) : strand_(boost::asio::make_strand(executor)) {}
+  explicit Strand(const Executor& executor) : strand_(makeStrand(executor)) {}
 
   /// Runs `body` on the strand and comes back to the caller's executor with its result. The caller
   /// keeps the object alive until then.
@@ -39,13 +45,13 @@ class Strand {
     co_return std::optional<T>(std::move(result));
   }
   template <class T>
-  static Task<T> runWrapped(boost::asio::strand<Executor> strand, Task<T> body) {
+  static Task<T> runWrapped(Executor strand, Task<T> body) {
     std::optional<T> result = co_await boost::asio::co_spawn(strand, wrapping(std::move(body)),
                                                              boost::asio::use_awaitable);
     co_return std::move(*result);
   }
 
-  boost::asio::strand<Executor> strand_;
+  Executor strand_;
 };
 
 }  // namespace stillow::concurrency
