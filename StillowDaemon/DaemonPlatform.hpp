@@ -18,7 +18,8 @@ class DaemonPlatform {
  public:
   virtual ~DaemonPlatform() = default;
 
-  /// Runs what is ready, on several threads besides the caller's, for as long as the process lives.
+  /// Runs what is ready, on one thread or more besides the caller's, for as long as the process
+  /// lives.
   [[nodiscard]] virtual concurrency::Executor executor() = 0;
   [[nodiscard]] virtual std::shared_ptr<concurrency::Sleeper> sleeper() = 0;
 
