@@ -12,6 +12,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include "Alternating.hpp"
+#include "EndlessSleeper.hpp"
 #include "StillowAuthority/CommitmentClock.hpp"
 #include "StillowConcurrency/ThreadBlockingExecutor.hpp"
 
@@ -22,8 +23,6 @@ using authority::AuthorityState;
 using authority::CommitmentAuthority;
 using authority::CommitmentClock;
 using authority::InMemoryCommitmentCheckpointStore;
-using concurrency::Cancellation;
-using concurrency::SleepOutcome;
 using concurrency::Task;
 
 constexpr core::Date start{816'458'820};
@@ -32,15 +31,6 @@ constexpr core::Date start{816'458'820};
 struct SteppingTime final : authority::MonotonicTimeSource {
   [[nodiscard]] double seconds() const override { return now += 1e-6; }
   mutable double now = 1'000;
-};
-/// The ticks are asked for instead.
-struct EndlessSleeper final : concurrency::Sleeper {
-  Task<SleepOutcome> sleep(std::chrono::nanoseconds, Cancellation cancellation) override {
-    const concurrency::OneShot<SleepOutcome> end;
-    const auto registration = cancellation.onCancel([end] { end.settle(SleepOutcome::cancelled); });
-    const SleepOutcome outcome = co_await end.wait();
-    co_return outcome;
-  }
 };
 struct NoInvalidations final : authority::ProjectionInvalidationSource {
   concurrency::Channel<authority::ProjectionInvalidation> invalidations() override {
