@@ -122,8 +122,10 @@ void activate(benchmark::State& state) {
   const auto request = std::make_shared<const std::string>(requestFor(domainCount));
   // What is saved, with the domains of the request.
   authority::CommitmentCheckpoint checkpoint = activeCommitment(domainCount);
-  std::get<authority::AuthorityState::active>(checkpoint.state.cases).commitment.remainingDuration =
-      durationSeconds;
+  core::Commitment& commitment =
+      std::get<authority::AuthorityState::active>(checkpoint.state.cases).commitment;
+  commitment.remainingDuration = durationSeconds;
+  commitment.health = core::CommitmentHealth::healthy;
 
   std::size_t replyBytes = 0;
   bool hasFailed = false;
