@@ -102,7 +102,7 @@ std::string requestFor(std::size_t domainCount) {
       .selection = core::CommitmentSelection::allWebsites{},
       .collectionSnapshot = {},
       .duration = *core::CommitmentDuration::fromSeconds(durationSeconds)};
-  for (core::Domain& domain : domains(domainCount)) {
+  for (core::Domain& domain : sampleDomains(domainCount)) {
     request.collectionSnapshot.push_back({.domain = std::move(domain), .groups = {}});
   }
   return *ipc::DaemonWireCoding::encode(request);

@@ -10,9 +10,9 @@
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 
+#include "ActiveCommitment.hpp"
 #include "Alternating.hpp"
 #include "BareFile.hpp"
-#include "SampleCheckpoint.hpp"
 #include "StillowAuthority/DurableCommitmentStore.hpp"
 #include "StillowCore/SHA256.hpp"
 #include "StillowFiltering/Storage/PosixFileSystem.hpp"
@@ -28,7 +28,8 @@ using authority::FileCommitmentCheckpointStore;
 void save(benchmark::State& state) {
   const TemporaryDirectory ourDirectory;
   const TemporaryDirectory bareDirectory;
-  const CommitmentCheckpoint checkpoint = checkpointOf(static_cast<std::size_t>(state.range(0)));
+  const CommitmentCheckpoint checkpoint =
+      activeCommitment(static_cast<std::size_t>(state.range(0)));
   const std::string bytes = *FileCommitmentCheckpointStore::seal(checkpoint);
   filtering::PosixFileSystem fileSystem;
   const DurableCommitmentStore store(fileSystem, ourDirectory.path());
@@ -60,7 +61,8 @@ BENCHMARK(save)->Arg(10)->Arg(1'000)->Apply(batches);
 void saveLarge(benchmark::State& state) {
   const TemporaryDirectory ourDirectory;
   const TemporaryDirectory bareDirectory;
-  const CommitmentCheckpoint checkpoint = checkpointOf(static_cast<std::size_t>(state.range(0)));
+  const CommitmentCheckpoint checkpoint =
+      activeCommitment(static_cast<std::size_t>(state.range(0)));
   filtering::PosixFileSystem fileSystem;
   const DurableCommitmentStore store(fileSystem, ourDirectory.path());
   EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "SHA256", nullptr);

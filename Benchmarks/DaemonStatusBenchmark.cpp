@@ -27,6 +27,7 @@
 #include <rapidjson/writer.h>
 
 #include "Alternating.hpp"
+#include "SampleDomains.hpp"
 #include "StillowIPC/DaemonStatus.hpp"
 #include "StillowIPC/DaemonWireCoding.hpp"
 
@@ -53,15 +54,10 @@ using ipc::DaemonWireCoding;
 
 /// As a daemon gives it: the clock has fractions of all the digits that a double holds.
 DaemonStatus statusOf(std::size_t domainCount) {
-  std::vector<core::Domain> domains;
-  domains.reserve(domainCount);
-  for (std::size_t i = 0; i < domainCount; ++i) {
-    domains.push_back(*core::Domain::make("site" + std::to_string(10'000'000 + i) + ".example"));
-  }
   const core::Date now{816'458'820.3271384};
   const core::Commitment commitment{
       .activatedAt = now + -1'234.5678912,
-      .scope = {.generation = 3, .domains = core::DomainSet::of(std::move(domains))},
+      .scope = {.generation = 3, .domains = core::DomainSet::of(sampleDomains(domainCount))},
       .remainingDuration = 2'365.4321094,
       .health = CommitmentHealth::healthy};
   return {.observedAt = now,

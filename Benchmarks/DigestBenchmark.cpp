@@ -10,8 +10,8 @@
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 
+#include "ActiveCommitment.hpp"
 #include "Alternating.hpp"
-#include "SampleCheckpoint.hpp"
 #include "StillowCore/Base64.hpp"
 #include "StillowCore/Coding.hpp"
 #include "StillowCore/SHA256.hpp"
@@ -20,7 +20,7 @@ namespace stillow::benchmarks {
 namespace {
 
 std::string payloadOf(const benchmark::State& state) {
-  return core::encode(checkpointOf(static_cast<std::size_t>(state.range(0)))).value();
+  return core::encode(activeCommitment(static_cast<std::size_t>(state.range(0)))).value();
 }
 
 void sha256(benchmark::State& state) {

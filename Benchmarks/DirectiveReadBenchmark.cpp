@@ -6,11 +6,11 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "Alternating.hpp"
+#include "SampleDomains.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
 #include "StillowFiltering/Storage/PosixFileSystem.hpp"
 #include "TemporaryDirectory.hpp"
@@ -25,12 +25,8 @@ using filtering::ValidationProbe;
 constexpr core::Date start{816'458'820};
 
 EnforcementDirective directiveOf(std::size_t domainCount) {
-  std::vector<core::Domain> domains;
-  domains.reserve(domainCount);
-  for (std::size_t i = 0; i < domainCount; ++i) {
-    domains.push_back(*core::Domain::make("site" + std::to_string(10'000'000 + i) + ".example"));
-  }
-  return {.scope = core::Scope{.generation = 1, .domains = core::DomainSet::of(std::move(domains))},
+  return {.scope = core::Scope{.generation = 1,
+                               .domains = core::DomainSet::of(sampleDomains(domainCount))},
           .validation = std::nullopt,
           .publishedAt = start};
 }

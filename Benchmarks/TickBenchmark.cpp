@@ -5,12 +5,11 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include <benchmark/benchmark.h>
 #include <boost/asio/io_context.hpp>
 
+#include "ActiveCommitment.hpp"
 #include "Alternating.hpp"
 #include "EndlessSleeper.hpp"
 #include "StillowAuthority/CommitmentClock.hpp"
@@ -19,13 +18,10 @@
 namespace stillow::benchmarks {
 namespace {
 
-using authority::AuthorityState;
 using authority::CommitmentAuthority;
 using authority::CommitmentClock;
 using authority::InMemoryCommitmentCheckpointStore;
 using concurrency::Task;
-
-constexpr core::Date start{816'458'820};
 
 /// Moves a microsecond at each reading, so that no tick comes near the minute that is written.
 struct SteppingTime final : authority::MonotonicTimeSource {
@@ -42,22 +38,10 @@ struct NoInvalidations final : authority::ProjectionInvalidationSource {
 class Ticking {
  public:
   explicit Ticking(std::size_t domainCount) {
-    std::vector<core::Domain> domains;
-    domains.reserve(domainCount);
-    for (std::size_t i = 0; i < domainCount; ++i) {
-      domains.push_back(*core::Domain::make("site" + std::to_string(10'000'000 + i) + ".example"));
-    }
-    const authority::CommitmentCheckpoint checkpoint{
-        .state = AuthorityState::active{core::Commitment{
-            .activatedAt = start,
-            .scope = {.generation = 1, .domains = core::DomainSet::of(std::move(domains))},
-            .remainingDuration = 86'400}},
-        .writtenAt = start,
-        .sequence = 1};
-    const auto wallClock = [] { return start; };
+    const auto wallClock = [] { return activationDate; };
     authority_ = CommitmentAuthority::make(
         context_.get_executor(), std::make_shared<concurrency::ThreadBlockingExecutor>(1),
-        {std::make_shared<InMemoryCommitmentCheckpointStore>(checkpoint),
+        {std::make_shared<InMemoryCommitmentCheckpointStore>(activeCommitment(domainCount)),
          std::make_shared<InMemoryCommitmentCheckpointStore>()},
         wallClock);
     clock_ = CommitmentClock::make(
