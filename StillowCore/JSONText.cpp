@@ -110,23 +110,25 @@ void appendEscaped(TextBuffer& out, std::string_view text) {
   out.append('"');
 }
 
+/// With its first quote at `quote`, where there is room for `text` and both quotes.
+[[gnu::always_inline]] inline void appendStringAt(TextBuffer& out, char* quote,
+                                                  std::string_view text) {
+  *quote = '"';
+  if (!copyPlain(quote + 1, text)) return appendEscapedString(out, quote, text);
+  quote[text.size() + 1] = '"';
+  out.endAt(quote + text.size() + 2);
+}
+
 }  // namespace
 
 void appendString(TextBuffer& out, std::string_view text) {
-  char* const to = out.room(text.size() + 2);
-  to[0] = '"';
-  if (!copyPlain(to + 1, text)) return appendEscapedString(out, to, text);
-  to[text.size() + 1] = '"';
-  out.endAt(to + text.size() + 2);
+  appendStringAt(out, out.room(text.size() + 2), text);
 }
 
 void appendString(TextBuffer& out, char before, std::string_view text) {
   char* const to = out.room(text.size() + 3);
-  to[0] = before;
-  to[1] = '"';
-  if (!copyPlain(to + 2, text)) return appendEscapedString(out, to + 1, text);
-  to[text.size() + 2] = '"';
-  out.endAt(to + text.size() + 3);
+  *to = before;
+  appendStringAt(out, to + 1, text);
 }
 
 void appendBase64(TextBuffer& out, std::string_view bytes) {
