@@ -108,16 +108,6 @@ constexpr std::array<std::string_view, 2> publicNames{
     "encryptedsni.com",    // the same provider's second outer name, seen since 2025
 };
 
-/// Whether `HostName` would read one of them from these bytes.
-bool isPublicName(WireBytes bytes) noexcept {
-  if (!bytes.empty() && bytes.back() == '.') bytes = bytes.first(bytes.size() - 1);
-  return std::ranges::any_of(publicNames, [bytes](std::string_view name) {
-    return std::ranges::equal(bytes, name, {}, [](std::uint8_t byte) {
-      return core::text::lowercasedASCII(static_cast<char>(byte));
-    });
-  });
-}
-
 RawReading readExtensions(MessageCursor extensions) noexcept {
   // Once found, and it says something unless the hello is encrypted.
   RawReading publicName = HelloOutcome::none;
@@ -134,7 +124,8 @@ RawReading readExtensions(MessageCursor extensions) noexcept {
     if (*type == serverNameExtension && publicName.outcome == HelloOutcome::none) {
       publicName = readServerName(*extension);
       // Only a provider's outer name has to wait for the rest of the hello.
-      if (publicName.outcome != HelloOutcome::found || !isPublicName(publicName.name)) {
+      if (publicName.outcome != HelloOutcome::found ||
+          !isPublicNameOfEncryptedHello(publicName.name)) {
         return publicName;
       }
     }
@@ -238,8 +229,13 @@ HandshakePrefix handshakeBytes(WireBytes stream,
 
 }  // namespace
 
-bool isPublicNameOfEncryptedHello(std::string_view name) noexcept {
-  return std::ranges::find(publicNames, name) != publicNames.end();
+bool isPublicNameOfEncryptedHello(WireBytes name) noexcept {
+  if (!name.empty() && name.back() == '.') name = name.first(name.size() - 1);
+  return std::ranges::any_of(publicNames, [name](std::string_view publicName) {
+    return std::ranges::equal(name, publicName, {}, [](std::uint8_t byte) {
+      return core::text::lowercasedASCII(static_cast<char>(byte));
+    });
+  });
 }
 
 NameReading readClientHelloMessage(WireBytes prefix) noexcept {

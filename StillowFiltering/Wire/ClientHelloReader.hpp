@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string_view>
-
 #include "StillowFiltering/Wire/NameReading.hpp"
 
 namespace stillow::filtering {
@@ -19,7 +17,8 @@ namespace stillow::filtering {
 
 /// True for a name that a provider puts on the outside of every encrypted ClientHello to any of its
 /// customers' sites. With that extension it says nothing about the site. Any other name beside the
-/// extension is the real one: browsers send a dummy of the extension with ordinary hellos.
-[[nodiscard]] bool isPublicNameOfEncryptedHello(std::string_view name) noexcept;
+/// extension is the real one: browsers send a dummy of the extension with ordinary hellos. `name`
+/// is as it stands in the hello: letters of either case, perhaps a final dot.
+[[nodiscard]] bool isPublicNameOfEncryptedHello(WireBytes name) noexcept;
 
 }  // namespace stillow::filtering

@@ -338,7 +338,9 @@ class PlainReader {
       if (type == 0xfe0d) isEncrypted = true;
       if (type == 0 && publicName.empty()) {
         const std::string name = readServerName(extensionEnd);
-        if (!isPublicNameOfEncryptedHello(name)) return name;
+        if (!isPublicNameOfEncryptedHello(std::vector<std::uint8_t>(name.begin(), name.end()))) {
+          return name;
+        }
         publicName = name;
       }
       if (isEncrypted && !publicName.empty()) return "none";
