@@ -64,37 +64,40 @@ class Running(FilterTestCase):
         self.assertEqual(self.queue_line()[1], self.filter.pid)
 
     def start_under_a_manager(self, **environment):
-        """What reads the messages to the service manager, one at each call."""
+        """What reads the messages to the service manager until one has come so many times, and
+        gives all that came."""
         path = self.directory / "notify"
         manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(manager.close)
         manager.settimeout(60)
         manager.bind(str(path))
         self.start_filter(env={**os.environ, "NOTIFY_SOCKET": str(path), **environment})
-        return lambda: manager.recv(4096).decode()
+        messages = []
+
+        def receive_until(message, times=1):
+            while messages.count(message) < times:
+                messages.append(manager.recv(4096).decode())
+            return messages
+
+        return receive_until
+
+    def enforce_and_stop(self, receive_until):
+        """All messages, up to the last one."""
+        self.directive.publish("blocked.example")
+        receive_until("STATUS=Enforcing generation 1")
+        self.filter.stop()
+        return receive_until("STOPPING=1")
 
     def test_tells_the_service_manager_when_it_is_ready_and_that_it_lives(self):
-        receive = self.start_under_a_manager(WATCHDOG_USEC="200000")
-        messages = []
-        while messages.count("WATCHDOG=1") < 3:
-            messages.append(receive())
+        receive_until = self.start_under_a_manager(WATCHDOG_USEC="200000")
+        messages = receive_until("WATCHDOG=1", times=3)
         self.assertLess(messages.index("READY=1"), messages.index("WATCHDOG=1"))
-        self.directive.publish("blocked.example")
-        while messages[-1] != "STATUS=Enforcing generation 1":
-            messages.append(receive())
-        self.filter.stop()
-        while messages[-1] != "STOPPING=1":
-            messages.append(receive())
+        self.enforce_and_stop(receive_until)
 
     def test_gives_no_sign_of_life_that_nobody_asked_for(self):
-        receive = self.start_under_a_manager()
-        messages = [receive()]
-        self.directive.publish("blocked.example")
-        while messages[-1] != "STATUS=Enforcing generation 1":
-            messages.append(receive())
-        self.filter.stop()
-        while messages[-1] != "STOPPING=1":
-            messages.append(receive())
+        receive_until = self.start_under_a_manager()
+        receive_until("READY=1")
+        messages = self.enforce_and_stop(receive_until)
         self.assertEqual(messages, ["READY=1", "STATUS=Enforcing generation 1", "STOPPING=1"])
 
     def armed_timers(self):
