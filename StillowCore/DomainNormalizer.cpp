@@ -1,6 +1,7 @@
 #include "StillowCore/DomainNormalizer.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <optional>
 
@@ -17,8 +18,18 @@ constexpr auto npos = std::string_view::npos;
 
 constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-std::size_t countLabels(std::string_view host) noexcept {
-  return 1 + static_cast<std::size_t>(std::ranges::count(host, '.'));
+/// The bytes that part a URL.
+constexpr std::array<bool, 256> urlSigns = [] {
+  std::array<bool, 256> table{};
+  for (const char sign : std::string_view(":/?#@[")) table[static_cast<unsigned char>(sign)] = true;
+  return table;
+}();
+
+/// False for a bare host, which is what most people type.
+bool isURL(std::string_view input) noexcept {
+  bool found = false;
+  for (const char c : input) found |= urlSigns[static_cast<unsigned char>(c)];
+  return found;
 }
 
 /// Host and port of `input`, the parts of a URL around them removed.
@@ -63,7 +74,7 @@ std::expected<std::string_view, Error> hostOf(std::string_view authority, bool& 
 /// "&") or another final dot, so the check comes again after it.
 std::expected<Domain, Error> domainOf(std::string_view host, bool& isChanged) {
   auto domain = Domain::make(host);
-  if (!domain) return std::unexpected(Error::invalidHostname{std::string(host)});
+  if (!domain) return std::unexpected(Error::invalidHostname{text::lowercased(host)});
   if (text::isASCII(domain->name())) return *std::move(domain);
   const auto ascii = text::asciiHost(domain->name());
   if (!ascii) return std::unexpected(Error::invalidHostname{domain->name()});
@@ -88,15 +99,18 @@ std::expected<Result, Error> DomainNormalizer::normalize(std::string_view input)
   }
 
   bool isChanged = false;
-  const auto typedHost = hostOf(authorityOf(trimmed, isChanged), isChanged);
-  if (!typedHost) return std::unexpected(typedHost.error());
-  std::string lower = text::lowercased(*typedHost);
-  if (text::hasSuffix(lower, '.')) lower.pop_back();
-  if (lower.empty()) return std::unexpected(Error::noHost{});
+  std::string_view typedHost = trimmed;
+  if (isURL(trimmed)) {
+    const auto host = hostOf(authorityOf(trimmed, isChanged), isChanged);
+    if (!host) return std::unexpected(host.error());
+    typedHost = *host;
+  }
+  if (text::hasSuffix(typedHost, '.')) typedHost.remove_suffix(1);
+  if (typedHost.empty()) return std::unexpected(Error::noHost{});
 
-  const auto domain = domainOf(lower, isChanged);
-  if (!domain) return std::unexpected(domain.error());
-  std::string_view host = domain->name();
+  auto domain = domainOf(typedHost, isChanged);
+  if (!domain) return std::unexpected(std::move(domain).error());
+  const std::string_view host = domain->name();
   if (isAddress(host)) return std::unexpected(Error::ipAddressUnsupported{std::string(host)});
 
   const auto split = publicSuffixList.split(host);
@@ -104,16 +118,22 @@ std::expected<Result, Error> DomainNormalizer::normalize(std::string_view input)
     return std::unexpected(Error::publicSuffixOnly{std::string(host)});
   }
   // Parts of a valid name at its dots are valid names.
-  const Domain registrable = *Domain::make(split->registrableDomain);
+  const std::string_view registrable = split->registrableDomain;
+  const auto partOf = [&](std::string_view name) {
+    return name.size() == host.size() ? *std::move(domain) : *Domain::make(name);
+  };
+  std::string_view narrow = host;
   constexpr std::string_view world = "www.";
-  while (countLabels(host) > countLabels(registrable.name()) && host.starts_with(world)) {
-    host.remove_prefix(world.size());
+  while (narrow.size() > registrable.size() && narrow.starts_with(world)) {
+    narrow.remove_prefix(world.size());
     isChanged = true;
   }
-  if (host != registrable.name())
-    return Result::narrowerSubdomain{*Domain::make(host), registrable};
-  if (isChanged) return Result::normalizedToRegistrable{registrable, std::string(trimmed)};
-  return Result::alreadyRegistrable{registrable};
+  if (narrow.size() > registrable.size()) {
+    auto above = *Domain::make(registrable);
+    return Result::narrowerSubdomain{partOf(narrow), std::move(above)};
+  }
+  if (isChanged) return Result::normalizedToRegistrable{partOf(registrable), std::string(trimmed)};
+  return Result::alreadyRegistrable{partOf(registrable)};
 }
 
 }  // namespace stillow::core
