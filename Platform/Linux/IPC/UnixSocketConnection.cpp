@@ -86,6 +86,19 @@ struct UnixSocketConnection::PendingCall {
   std::shared_ptr<FairGate::Pass> pass;
 };
 
+/// Lines that have left the queue.
+struct UnixSocketConnection::Writing {
+  std::vector<OutgoingLine> lines;
+  std::vector<boost::asio::const_buffer> unwritten;  ///< of these lines
+
+  void noteWritten(std::size_t count) {
+    auto first = unwritten.begin();
+    while (first != unwritten.end() && count >= first->size()) count -= (first++)->size();
+    if (first != unwritten.end()) *first += count;
+    unwritten.erase(unwritten.begin(), first);
+  }
+};
+
 struct UnixSocketConnection::Verdict {
   bool isTrusted = false;
   std::string reason;
@@ -112,6 +125,14 @@ void UnixSocketConnection::begin(std::optional<ipc::CodeSigningRequirement> requ
       }
     });
   });
+  boost::system::error_code error;
+  (void)socket_.non_blocking(true, error);
+  if (error) {
+    boost::asio::post(strand_, [self = shared_from_this(), error] {
+      self->lose("its socket cannot be made non-blocking: " + error.message());
+    });
+    return;
+  }
   concurrency::spawn(strand_, run(shared_from_this(), std::move(requirement), std::move(peer)));
 }
 
@@ -365,31 +386,45 @@ void UnixSocketConnection::enqueue(std::vector<rpc::Text> texts, bool isBatch,
   startWriting();
 }
 
+/// Most clients have room for a text, and what the system takes at once waits for nobody.
 void UnixSocketConnection::startWriting() {
-  if (std::exchange(isWriting_, true)) return;
-  concurrency::spawn(strand_, writeLines(shared_from_this()));
+  if (isWriting_) return;
+  Writing writing = takeWaiting();
+  boost::system::error_code error;
+  writing.noteWritten(socket_.write_some(writing.unwritten, error));
+  if (error && error != boost::asio::error::would_block) return end();
+  if (writing.unwritten.empty()) return;
+  isWriting_ = true;
+  concurrency::spawn(strand_, writeLines(shared_from_this(), std::move(writing)));
 }
 
-Task<void> UnixSocketConnection::writeLines(Self self) {
-  while (!self->hasEnded_ && !self->outgoing_.empty()) {
-    const std::vector<OutgoingLine> lines = self->outgoing_.take(textsAtOnceMax);
-    std::vector<boost::asio::const_buffer> buffers;
-    for (const OutgoingLine& line : lines) {
-      // Before it is written: a client that waits for an answer before it calls again may do so
-      // before we learn that the answer was taken.
-      self->callsInFlight_ -= line.callsAnswered;
-      for (const rpc::Text& text : line.texts) {
-        buffers.emplace_back(text.head.data(), text.head.size());
-        if (text.body) buffers.emplace_back(text.body->data(), text.body->size());
-        buffers.emplace_back(text.tail.data(), text.tail.size());
-      }
-    }
+/// Ends when nothing waits any more.
+Task<void> UnixSocketConnection::writeLines(Self self, Writing writing) {
+  for (;;) {
     const auto [error, count] =
-        co_await boost::asio::async_write(self->socket_, buffers, completion);
+        co_await boost::asio::async_write(self->socket_, writing.unwritten, completion);
     if (error) self->end();
+    if (self->hasEnded_ || self->outgoing_.empty()) break;
+    writing = self->takeWaiting();
   }
   self->isWriting_ = false;
   self->endIfDrained();
+}
+
+UnixSocketConnection::Writing UnixSocketConnection::takeWaiting() {
+  Writing writing;
+  writing.lines = outgoing_.take(textsAtOnceMax);
+  for (const OutgoingLine& line : writing.lines) {
+    // Before it is written: a client that waits for an answer before it calls again may do so
+    // before we learn that the answer was taken.
+    callsInFlight_ -= line.callsAnswered;
+    for (const rpc::Text& text : line.texts) {
+      writing.unwritten.emplace_back(text.head.data(), text.head.size());
+      if (text.body) writing.unwritten.emplace_back(text.body->data(), text.body->size());
+      writing.unwritten.emplace_back(text.tail.data(), text.tail.size());
+    }
+  }
+  return writing;
 }
 
 // ---- the end

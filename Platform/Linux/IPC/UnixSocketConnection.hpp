@@ -46,8 +46,10 @@ struct SocketServer {
 /// strand of its own, so no member needs a lock.
 ///
 /// Nothing is read before the peer has been found to satisfy the requirement; what it sent waits in
-/// the kernel until then. Two loops run: one reads lines and hands calls on, the other writes what
-/// waits. A client that ends its side gets the answers that it asked for, then the connection ends.
+/// the kernel until then. A loop reads lines and hands calls on. A text is written at once, as far
+/// as the client has room for it; while it has none, a second loop writes what waits. So the
+/// connection may end inside whatever gives it a text. A client that ends its side gets the answers
+/// that it asked for, then the connection ends.
 class UnixSocketConnection final : public ipc::ServedConnection,
                                    public std::enable_shared_from_this<UnixSocketConnection> {
  public:
@@ -80,6 +82,7 @@ class UnixSocketConnection final : public ipc::ServedConnection,
   struct Line;
   struct LineRoom;
   struct Verdict;
+  struct Writing;
 
   static concurrency::Task<void> run(Self self,
                                      std::optional<ipc::CodeSigningRequirement> requirement,
@@ -94,7 +97,7 @@ class UnixSocketConnection final : public ipc::ServedConnection,
                                               std::shared_ptr<const SocketServer> server,
                                               concurrency::Cancellation hasArrived);
   static concurrency::Task<void> endWithPeer(Self self);
-  static concurrency::Task<void> writeLines(Self self);
+  static concurrency::Task<void> writeLines(Self self, Writing writing);
 
   void handleLine();
   void handle(const rpc::Request& request, ipc::SharedBytes params,
@@ -108,6 +111,7 @@ class UnixSocketConnection final : public ipc::ServedConnection,
   void enqueue(std::vector<rpc::Text> texts, bool isBatch, std::size_t callsAnswered);
   void enqueuePush(ipc::SharedBytes status);
   void startWriting();
+  Writing takeWaiting();
 
   void inputEnded();
   void endIfDrained();
@@ -131,7 +135,7 @@ class UnixSocketConnection final : public ipc::ServedConnection,
   ipc::SharedBytes heldPush_;  ///< waits for the answer to a batch that subscribes
   std::size_t batchesThatHoldPushes_ = 0;
   std::size_t callsInFlight_ = 0;  ///< until their answers begin to be written
-  bool isWriting_ = false;
+  bool isWriting_ = false;         ///< waits until the socket takes more
   bool inputEnded_ = false;
   bool hasEnded_ = false;
   concurrency::Cancellation ending_;  ///< whoever waits in its name gives up
