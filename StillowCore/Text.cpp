@@ -1,5 +1,9 @@
 #include "StillowCore/Text.hpp"
 
+#include <algorithm>
+
+#include "StillowCore/ByteBlock.hpp"
+
 namespace stillow::core::text {
 
 namespace {
@@ -12,6 +16,19 @@ constexpr unsigned char byteAt(std::string_view text, std::size_t offset) noexce
 }
 
 constexpr bool isContinuation(unsigned char byte) noexcept { return (byte & 0xC0U) == 0x80U; }
+
+/// Where the first byte is, from `offset` on, for which `isWanted` holds of a block; or a place
+/// where less than a block is left.
+template <class IsWanted>
+std::size_t skipBlocks(std::string_view text, std::size_t offset, IsWanted isWanted) noexcept {
+  for (; text.size() - offset >= ByteBlock::size; offset += ByteBlock::size) {
+    const ByteBlock wanted = isWanted(ByteBlock::load(text.data() + offset));
+    if (wanted.holdsAnywhere()) return offset + wanted.firstPlace();
+  }
+  return offset;
+}
+
+ByteBlock isBeyondASCII(const ByteBlock& block) noexcept { return block.isAbove(0x7F); }
 
 /// The platform's set of blanks. It is not the character property: U+200B is in it.
 constexpr bool isBlank(char32_t codePoint) noexcept {
@@ -33,6 +50,8 @@ constexpr bool isNewline(char32_t codePoint) noexcept {
 
 template <class Predicate>
 std::string_view trimming(std::string_view text, Predicate isTrimmed) noexcept {
+  const auto isNeverTrimmed = [](char c) { return c > ' ' && isASCII(c); };
+  if (!text.empty() && isNeverTrimmed(text.front()) && isNeverTrimmed(text.back())) return text;
   while (!text.empty()) {
     const auto first = codePointAt(text, 0);
     if (!isTrimmed(first.value)) break;
@@ -44,20 +63,6 @@ std::string_view trimming(std::string_view text, Predicate isTrimmed) noexcept {
     text.remove_suffix(last.length);
   }
   return text;
-}
-
-/// Calls `convert` with well-formed text, as the adapters are promised.
-template <class Convert>
-std::string convertingWellFormed(std::string_view text, Convert convert) {
-  if (isValidUTF8(text)) return convert(text);
-  std::string repaired;
-  repaired.reserve(text.size() + 8);
-  for (std::size_t at = 0; at < text.size();) {
-    const auto next = codePointAt(text, at);
-    appendUTF8(repaired, next.value);
-    at += next.length;
-  }
-  return convert(repaired);
 }
 
 constexpr bool isHostSign(char c) noexcept {
@@ -84,9 +89,8 @@ bool isURLHost(std::string_view host) noexcept {
 
 }  // namespace
 
-CodePoint codePointAt(std::string_view text, std::size_t offset) noexcept {
+CodePoint codePointBeyondASCIIAt(std::string_view text, std::size_t offset) noexcept {
   const unsigned char lead = byteAt(text, offset);
-  if (lead < 0x80) return {lead, 1, true};
   // The second byte's range depends on the first: that keeps out overlong forms, surrogates and
   // what lies beyond U+10FFFF.
   std::size_t length = 0;
@@ -149,12 +153,30 @@ void appendUTF8(std::string& out, char32_t codePoint) {
   }
 }
 
+bool isLowercaseASCII(std::string_view text) noexcept {
+  constexpr std::size_t half = ByteBlock::size / 2;
+  const auto others = [](const ByteBlock& block) {
+    return isBeyondASCII(block) | block.isWithin('A', 'Z');
+  };
+  if (text.size() < half) {
+    return std::ranges::all_of(text, [](char c) { return isASCII(c) && lowercasedASCII(c) == c; });
+  }
+  // The last half of a block overlaps the one before. Up to the size of most host names nothing
+  // depends on the size, so that no branch is guessed wrong.
+  const char* const from = text.data();
+  const std::size_t last = text.size() - half;
+  ByteBlock found = others(ByteBlock::load(from, from + std::min(half, last))) |
+                    others(ByteBlock::load(from + std::min(2 * half, last), from + last));
+  for (std::size_t at = 3 * half; at < last; at += ByteBlock::size) {
+    found = found | others(ByteBlock::load(from + at, from + std::min(at + half, last)));
+  }
+  return !found.holdsAnywhere();
+}
+
 bool isValidUTF8(std::string_view text) noexcept {
   for (std::size_t at = 0; at < text.size();) {
-    if (text.size() - at >= 8 && isASCII(text.substr(at, 8))) {
-      at += 8;
-      continue;
-    }
+    at = skipBlocks(text, at, isBeyondASCII);
+    if (at == text.size()) break;
     const auto next = codePointAt(text, at);
     if (!next.isWellFormed) return false;
     at += next.length;
@@ -168,7 +190,21 @@ std::string lowercased(std::string_view text) {
     for (char& c : lower) c = lowercasedASCII(c);
     return lower;
   }
-  return convertingWellFormed(text, platform::lowercased);
+  constexpr char32_t capitalIWithDotAbove = 0x130;
+  std::string lower;
+  lower.reserve(text.size() + 4);
+  for (std::size_t at = 0; at < text.size();) {
+    const auto next = codePointAt(text, at);
+    if (next.value < 0x80) {
+      lower += lowercasedASCII(text[at]);
+    } else if (next.value == capitalIWithDotAbove) {
+      lower += "i\u0307";
+    } else {
+      appendUTF8(lower, platform::lowercased(next.value));
+    }
+    at += next.length;
+  }
+  return lower;
 }
 
 std::string_view trimmingWhitespaceAndNewlines(std::string_view text) noexcept {
@@ -179,26 +215,30 @@ std::string_view trimmingWhitespace(std::string_view text) noexcept {
   return trimming(text, isBlank);
 }
 
+std::string_view takeLine(std::string_view& text) noexcept {
+  const auto mayEndLine = [](const ByteBlock& block) {
+    return block.isBelow('\r' + 1) | isBeyondASCII(block);
+  };
+  std::size_t end = 0;
+  std::size_t terminator = 0;
+  while (true) {
+    end = skipBlocks(text, end, mayEndLine);
+    if (end == text.size()) break;
+    const auto next = codePointAt(text, end);
+    if (isLineTerminator(next.value)) {
+      terminator = text.substr(end).starts_with("\r\n") ? 2 : next.length;
+      break;
+    }
+    end += next.length;
+  }
+  const auto line = text.substr(0, end);
+  text.remove_prefix(end + terminator);
+  return line;
+}
+
 std::vector<std::string_view> lines(std::string_view text) {
   std::vector<std::string_view> found;
-  std::size_t start = 0;
-  for (std::size_t at = 0; at < text.size();) {
-    const auto next = codePointAt(text, at);
-    std::size_t terminator = 0;
-    if (next.value == '\r' && text.substr(at + 1).starts_with('\n')) {
-      terminator = 2;
-    } else if (isLineTerminator(next.value)) {
-      terminator = next.length;
-    }
-    if (terminator == 0) {
-      at += next.length;
-      continue;
-    }
-    found.push_back(text.substr(start, at - start));
-    at += terminator;
-    start = at;
-  }
-  if (start < text.size()) found.push_back(text.substr(start));
+  while (!text.empty()) found.push_back(takeLine(text));
   return found;
 }
 
@@ -210,7 +250,15 @@ bool areCanonicallyEqual(std::string_view left, std::string_view right) {
 
 std::string canonicallyComposed(std::string_view text) {
   if (isASCII(text)) return std::string(text);
-  return convertingWellFormed(text, platform::canonicallyComposed);
+  if (isValidUTF8(text)) return platform::canonicallyComposed(text);
+  std::string repaired;
+  repaired.reserve(text.size() + 8);
+  for (std::size_t at = 0; at < text.size();) {
+    const auto next = codePointAt(text, at);
+    appendUTF8(repaired, next.value);
+    at += next.length;
+  }
+  return platform::canonicallyComposed(repaired);
 }
 
 bool isCharacterBoundary(std::string_view text, std::size_t offset) {
@@ -221,8 +269,7 @@ bool isCharacterBoundary(std::string_view text, std::size_t offset) {
   const auto before = codePointBefore(text, offset);
   const auto after = codePointAt(text, offset);
   if (!before.isWellFormed || !after.isWellFormed) return true;
-  const auto pair = text.substr(offset - before.length, before.length + after.length);
-  return platform::graphemeLength(pair, 0) == before.length;
+  return platform::areSeparateCharacters(before.value, after.value);
 }
 
 bool isWholeCharacter(std::string_view text, std::size_t offset) {
@@ -237,20 +284,18 @@ std::size_t find(std::string_view text, std::string_view signs, std::size_t from
   return std::string_view::npos;
 }
 
+std::size_t find(std::string_view text, char sign, std::size_t from) {
+  auto at = text.find(sign, from);
+  while (at != std::string_view::npos && !isWholeCharacter(text, at)) at = text.find(sign, at + 1);
+  return at;
+}
+
 std::size_t findLast(std::string_view text, char sign) {
   for (auto at = text.rfind(sign); at != std::string_view::npos; at = text.rfind(sign, at - 1)) {
     if (isWholeCharacter(text, at)) return at;
     if (at == 0) break;
   }
   return std::string_view::npos;
-}
-
-bool hasPrefix(std::string_view text, std::string_view signs) {
-  return text.starts_with(signs) && isCharacterBoundary(text, signs.size());
-}
-
-bool hasSuffix(std::string_view text, char sign) {
-  return text.ends_with(sign) && isCharacterBoundary(text, text.size() - 1);
 }
 
 std::optional<std::string> asciiHost(std::string_view host) {

@@ -39,6 +39,8 @@ namespace stillow::core::text {
   for (std::size_t at = 24; at < last; at += 8) all |= load(at);
   return (all & 0x8080'8080'8080'8080U) == 0;
 }
+/// ASCII without capital letters.
+[[nodiscard]] bool isLowercaseASCII(std::string_view text) noexcept;
 [[nodiscard]] constexpr char lowercasedASCII(char c) noexcept {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -53,8 +55,14 @@ struct CodePoint {
   std::size_t length;
   bool isWellFormed;
 };
+/// The same where that byte is not ASCII.
+[[nodiscard]] CodePoint codePointBeyondASCIIAt(std::string_view text, std::size_t offset) noexcept;
 /// `offset` must be less than the size.
-[[nodiscard]] CodePoint codePointAt(std::string_view text, std::size_t offset) noexcept;
+[[nodiscard]] inline CodePoint codePointAt(std::string_view text, std::size_t offset) noexcept {
+  const char lead = text[offset];
+  if (isASCII(lead)) return {static_cast<unsigned char>(lead), 1, true};
+  return codePointBeyondASCIIAt(text, offset);
+}
 /// The code point that ends at `offset`, which must be greater than 0.
 [[nodiscard]] CodePoint codePointBefore(std::string_view text, std::size_t offset) noexcept;
 /// `codePoint` must be a Unicode scalar value.
@@ -73,6 +81,9 @@ void appendUTF8(std::string& out, char32_t codePoint);
 /// The lines, without what ends them: LF, CR, CR LF, U+0085, U+2028 or U+2029. Nothing follows the
 /// last of those when the text ends there. The views are into `text`.
 [[nodiscard]] std::vector<std::string_view> lines(std::string_view text);
+/// The first of the lines, which is removed from `text` with what ends it. Until `text` is empty it
+/// has lines.
+[[nodiscard]] std::string_view takeLine(std::string_view& text) noexcept;
 
 /// Canonical equivalence (UAX #15): é equals e followed by U+0301. Case and compatibility forms
 /// differ.
@@ -92,9 +103,14 @@ void appendUTF8(std::string& out, char32_t codePoint);
 /// Offset of the first or last place where `signs`, ASCII only, stands as characters of its own;
 /// npos when there is none.
 [[nodiscard]] std::size_t find(std::string_view text, std::string_view signs, std::size_t from = 0);
+[[nodiscard]] std::size_t find(std::string_view text, char sign, std::size_t from = 0);
 [[nodiscard]] std::size_t findLast(std::string_view text, char sign);
-[[nodiscard]] bool hasPrefix(std::string_view text, std::string_view signs);
-[[nodiscard]] bool hasSuffix(std::string_view text, char sign);
+[[nodiscard]] inline bool hasPrefix(std::string_view text, std::string_view signs) {
+  return text.starts_with(signs) && isCharacterBoundary(text, signs.size());
+}
+[[nodiscard]] inline bool hasSuffix(std::string_view text, char sign) {
+  return text.ends_with(sign) && isCharacterBoundary(text, text.size() - 1);
+}
 
 /// The host as a URL carries it: UTS #46 in its non-transitional form, every error refused.
 /// A host of ASCII only is returned as it is when all its characters may stand in a host.
@@ -102,12 +118,14 @@ void appendUTF8(std::string& out, char32_t codePoint);
 
 /// What an adapter defines. Never called with ASCII-only text, and with well-formed UTF-8 only.
 namespace platform {
-[[nodiscard]] std::string lowercased(std::string_view text);
+/// By Unicode's simple mapping. U+0130, the one code point whose full mapping is another, is not
+/// asked about.
+[[nodiscard]] char32_t lowercased(char32_t codePoint) noexcept;
 /// White space as a character property: U+200B is none, U+0085 is.
 [[nodiscard]] bool isWhitespace(char32_t codePoint) noexcept;
 [[nodiscard]] std::string canonicallyComposed(std::string_view text);
-/// Bytes from `offset` to the end of the grapheme cluster (UAX #29) that begins there.
-[[nodiscard]] std::size_t graphemeLength(std::string_view text, std::size_t offset);
+/// Whether a grapheme cluster (UAX #29) ends between these two, which are all that is known.
+[[nodiscard]] bool areSeparateCharacters(char32_t left, char32_t right) noexcept;
 /// UTS #46 ToASCII with CHECK_BIDI, CHECK_CONTEXTJ and non-transitional processing; none on any
 /// error and for more than 2048 UTF-16 code units.
 [[nodiscard]] std::optional<std::string> idnaToASCII(std::string_view host);

@@ -136,6 +136,16 @@ TEST(TextLines, endWhereThePlatformEndsThem) {
               ElementsAre(0x0A, 0x0D, 0x85, 0x2028, 0x2029));
 }
 
+TEST(TextLines, canBeTakenOneByOne) {
+  std::string_view text = "a\r\n\nb";
+  EXPECT_EQ(takeLine(text), "a");
+  EXPECT_EQ(text, "\nb");
+  EXPECT_EQ(takeLine(text), "");
+  EXPECT_EQ(takeLine(text), "b");
+  EXPECT_EQ(text, "");
+  EXPECT_EQ(takeLine(text), "") << "an empty text has one for whoever asks";
+}
+
 TEST(TextLowercase, mapsEachCodePointAlone) {
   EXPECT_EQ(lowercased("MiXeD-1"), "mixed-1");
   EXPECT_EQ(lowercased("\u0130"), "i\u0307");
@@ -202,6 +212,10 @@ TEST(TextCharacters, areFoundFromEitherEnd) {
   EXPECT_EQ(find("a.b.c", "."), 1U);
   EXPECT_EQ(find("a.b.c", ".", 2), 3U);
   EXPECT_EQ(find("a.b.c", ".", 4), std::string_view::npos);
+  EXPECT_EQ(find("a.\u0301b.c.d", '.'), 5U);
+  EXPECT_EQ(find("a.\u0301b.c.d", '.', 6), 7U);
+  EXPECT_EQ(find("a.\u0301b", '.'), std::string_view::npos);
+  EXPECT_EQ(find("a.b", '.', 9), std::string_view::npos);
   EXPECT_EQ(findLast("a@b@c", '@'), 3U);
   EXPECT_EQ(findLast("@ab@\u0301", '@'), 0U);
   EXPECT_EQ(findLast("@\u0301", '@'), std::string_view::npos);

@@ -25,22 +25,12 @@ std::string utf8(NSString* text) {
 
 }  // namespace
 
-std::string lowercased(std::string_view text) {
+char32_t lowercased(char32_t codePoint) noexcept {
   @autoreleasepool {
-    std::string lower;
-    lower.reserve(text.size() + 4);
-    for (std::size_t at = 0; at < text.size();) {
-      const auto next = codePointAt(text, at);
-      if (next.value < 0x80) {
-        lower += lowercasedASCII(text[at]);
-      } else {
-        // One code point at a time: of a whole word Foundation would make the last sigma a final
-        // one.
-        lower += utf8(foundationText(text.substr(at, next.length)).lowercaseString);
-      }
-      at += next.length;
-    }
-    return lower;
+    std::string bytes;
+    appendUTF8(bytes, codePoint);
+    const std::string lower = utf8(foundationText(bytes).lowercaseString);
+    return lower.empty() ? codePoint : codePointAt(lower, 0).value;
   }
 }
 
@@ -57,12 +47,13 @@ std::string canonicallyComposed(std::string_view text) {
   }
 }
 
-std::size_t graphemeLength(std::string_view text, std::size_t offset) {
+bool areSeparateCharacters(char32_t left, char32_t right) noexcept {
   @autoreleasepool {
-    NSString* const rest = foundationText(text.substr(offset));
-    if (rest.length == 0) return text.size() - offset;
-    const NSRange first = [rest rangeOfComposedCharacterSequenceAtIndex:0];
-    return [[rest substringWithRange:first] lengthOfBytesUsingEncoding:NSUTF8StringEncoding];
+    std::string pair;
+    appendUTF8(pair, left);
+    const std::size_t unitsOfLeft = foundationText(pair).length;
+    appendUTF8(pair, right);
+    return [foundationText(pair) rangeOfComposedCharacterSequenceAtIndex:0].length == unitsOfLeft;
   }
 }
 

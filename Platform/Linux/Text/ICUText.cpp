@@ -1,14 +1,11 @@
 /// StillowCore's text rules over ICU.
 #include <array>
-#include <memory>
 #include <string>
 
 #include <unicode/bytestream.h>
 #include <unicode/normalizer2.h>
-#include <unicode/ubrk.h>
 #include <unicode/uchar.h>
 #include <unicode/uidna.h>
-#include <unicode/utext.h>
 
 #include "StillowCore/Invariant.hpp"
 #include "StillowCore/Text.hpp"
@@ -44,40 +41,10 @@ const UIDNA* uts46() {
   return instance;
 }
 
-struct BreakIteratorDeleter {
-  void operator()(UBreakIterator* iterator) const noexcept { ubrk_close(iterator); }
-};
-using BreakIterator = std::unique_ptr<UBreakIterator, BreakIteratorDeleter>;
-
-/// An iterator keeps a position, so each thread has its own.
-UBreakIterator* characterIterator() {
-  thread_local const BreakIterator iterator = [] {
-    UErrorCode status = U_ZERO_ERROR;
-    BreakIterator opened(ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status));
-    requireSuccess(status, "ICU has no rules for characters");
-    return opened;
-  }();
-  return iterator.get();
-}
-
 }  // namespace
 
-std::string lowercased(std::string_view text) {
-  // Not ucasemap_utf8ToLower: that has the final-sigma rule. U+0130 is the only code point whose
-  // full mapping differs from the simple one.
-  constexpr char32_t capitalIWithDotAbove = 0x130;
-  std::string lower;
-  lower.reserve(text.size() + 4);
-  for (std::size_t at = 0; at < text.size();) {
-    const auto next = codePointAt(text, at);
-    if (next.value == capitalIWithDotAbove) {
-      lower += "i\u0307";
-    } else {
-      appendUTF8(lower, static_cast<char32_t>(u_tolower(static_cast<UChar32>(next.value))));
-    }
-    at += next.length;
-  }
-  return lower;
+char32_t lowercased(char32_t codePoint) noexcept {
+  return static_cast<char32_t>(u_tolower(static_cast<UChar32>(codePoint)));
 }
 
 bool isWhitespace(char32_t codePoint) noexcept {
@@ -97,23 +64,34 @@ std::string canonicallyComposed(std::string_view text) {
   return composed;
 }
 
-std::size_t graphemeLength(std::string_view text, std::size_t offset) {
-  UErrorCode status = U_ZERO_ERROR;
-  UText storage = UTEXT_INITIALIZER;
-  UText* const opened = utext_openUTF8(&storage, text.data() + offset,
-                                       static_cast<int64_t>(text.size() - offset), &status);
-  UBreakIterator* const iterator = characterIterator();
-  ubrk_setUText(iterator, opened, &status);
-  requireSuccess(status, "ICU could not read a text");
-  const int32_t end = ubrk_next(iterator);
-  (void)utext_close(opened);  // Gives nothing back for a text on the stack.
-  return end == UBRK_DONE ? text.size() - offset : static_cast<std::size_t>(end);
+/// The rules of UAX #29 that look at no more than the two beside the place, in their order.
+bool areSeparateCharacters(char32_t left, char32_t right) noexcept {
+  const auto kindOf = [](char32_t codePoint) {
+    return u_getIntPropertyValue(static_cast<UChar32>(codePoint), UCHAR_GRAPHEME_CLUSTER_BREAK);
+  };
+  const auto isControl = [](int32_t kind) {
+    return kind == U_GCB_CONTROL || kind == U_GCB_CR || kind == U_GCB_LF;
+  };
+  const int32_t before = kindOf(left);
+  const int32_t after = kindOf(right);
+  if (before == U_GCB_CR && after == U_GCB_LF) return false;
+  if (isControl(before) || isControl(after)) return true;
+  const bool isVowel = after == U_GCB_V;
+  const bool isTrail = after == U_GCB_T;
+  const bool isSyllable = after == U_GCB_LV || after == U_GCB_LVT;
+  if (before == U_GCB_L && (after == U_GCB_L || isVowel || isSyllable)) return false;
+  if ((before == U_GCB_LV || before == U_GCB_V) && (isVowel || isTrail)) return false;
+  if ((before == U_GCB_LVT || before == U_GCB_T) && isTrail) return false;
+  if (after == U_GCB_EXTEND || after == U_GCB_ZWJ || after == U_GCB_SPACING_MARK) return false;
+  if (before == U_GCB_PREPEND) return false;
+  return before != U_GCB_REGIONAL_INDICATOR || after != U_GCB_REGIONAL_INDICATOR;
 }
 
 std::optional<std::string> idnaToASCII(std::string_view host) {
   // The platform's URL reader gives up beyond this length.
   constexpr std::size_t codeUnitsMax = 2048;
-  if (utf16Length(host) > codeUnitsMax) return std::nullopt;
+  // No code point takes more units of UTF-16 than bytes.
+  if (host.size() > codeUnitsMax && utf16Length(host) > codeUnitsMax) return std::nullopt;
   std::array<char, codeUnitsMax> ascii;
   UIDNAInfo info = UIDNA_INFO_INITIALIZER;
   UErrorCode status = U_ZERO_ERROR;
