@@ -61,11 +61,12 @@ std::vector<std::string> someHosts(const PublicSuffixList& list) {
 /// The rules as hosts, and hosts below that show which kind of rule each is.
 std::vector<std::string> hostsAroundRules(const PublicSuffixList& list) {
   std::vector<std::string> hosts;
-  for (const auto& rules : {list.exactRules(), list.wildcardParents(), list.exceptionRules()}) {
+  const auto wildcardParents = list.wildcardParents();
+  for (const auto& rules : {list.exactRules(), wildcardParents, list.exceptionRules()}) {
     for (const auto& rule : rules) {
       for (const std::string_view below : {"", "a.", "www.b.", "x.www.c."}) {
         // For libpsl "*.ck" makes "ck" a public suffix too; by the list's own rules it does not.
-        if (below.empty() && list.wildcardParents().contains(rule)) continue;
+        if (below.empty() && wildcardParents.contains(rule)) continue;
         hosts.push_back(std::string(below) + rule);
       }
     }

@@ -35,10 +35,13 @@ std::string joined(const std::vector<std::string>& labels, std::size_t first) {
 
 /// Index of the first label of the public suffix, for ASCII hosts of at least two labels.
 std::size_t suffixStart(const PublicSuffixList& list, const std::vector<std::string>& labels) {
+  const auto exactRules = list.exactRules();
+  const auto wildcardParents = list.wildcardParents();
+  const auto exceptionRules = list.exceptionRules();
   for (std::size_t i = 0; i < labels.size(); ++i) {
-    if (list.exceptionRules().contains(joined(labels, i))) return i + 1;
-    if (list.exactRules().contains(joined(labels, i))) return i;
-    if (i + 1 < labels.size() && list.wildcardParents().contains(joined(labels, i + 1))) return i;
+    if (exceptionRules.contains(joined(labels, i))) return i + 1;
+    if (exactRules.contains(joined(labels, i))) return i;
+    if (i + 1 < labels.size() && wildcardParents.contains(joined(labels, i + 1))) return i;
   }
   return labels.size() - 1;
 }

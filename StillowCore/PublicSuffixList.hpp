@@ -27,12 +27,13 @@ class PublicSuffixList {
   [[nodiscard]] static const PublicSuffixList& fromResource();
   [[nodiscard]] static PublicSuffixList fromResource(const ResourceBundle& bundle);
 
-  /// Plain rules: "com", "co.uk".
-  [[nodiscard]] const RuleSet& exactRules() const noexcept;
+  /// Plain rules: "com", "co.uk". These three are put together anew for each call, and canonically
+  /// composed.
+  [[nodiscard]] RuleSet exactRules() const;
   /// What follows "*." in a wildcard rule.
-  [[nodiscard]] const RuleSet& wildcardParents() const noexcept;
+  [[nodiscard]] RuleSet wildcardParents() const;
   /// What follows "!" in an exception rule.
-  [[nodiscard]] const RuleSet& exceptionRules() const noexcept;
+  [[nodiscard]] RuleSet exceptionRules() const;
 
   /// The longest public suffix of `host`. An unknown last label counts as one; a host of a single
   /// label is its own. Empty labels are dropped.

@@ -1,7 +1,7 @@
 #include "StillowCore/ResourceBundle.hpp"
 
+#include <cstddef>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 
 #include "StillowCore/Invariant.hpp"
@@ -35,8 +35,16 @@ std::optional<std::string> ResourceBundle::contents(std::string_view name,
   std::error_code ignored;
   if (!std::filesystem::is_regular_file(path, ignored)) return std::nullopt;
   std::ifstream file(path, std::ios::binary);
-  std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   if (!file) return std::nullopt;
+  constexpr std::size_t stepBytes = 1 << 18;
+  std::string bytes;
+  while (file) {
+    const std::size_t length = bytes.size();
+    bytes.resize(length + stepBytes);
+    file.read(bytes.data() + length, stepBytes);
+    bytes.resize(length + static_cast<std::size_t>(file.gcount()));
+  }
+  if (file.bad()) return std::nullopt;
   return bytes;
 }
 

@@ -2,11 +2,8 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <random>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -124,94 +121,6 @@ TEST(PublicSuffixList, splitsWithoutCopyingWhereItCan) {
   EXPECT_FALSE(list.split("ü.com"));
 }
 
-/// The rules applied word by word to hosts of ASCII letters.
-class LiteralRules {
- public:
-  explicit LiteralRules(const PublicSuffixList& list) : list_(list) {}
-
-  [[nodiscard]] std::string publicSuffix(const std::string& host) const {
-    const auto labels = labelsOf(host);
-    if (labels.size() < 2) return host;
-    for (std::size_t i = 0;; ++i) {
-      if (list_.exceptionRules().contains(joined(labels, i))) return joined(labels, i + 1);
-      if (list_.exactRules().contains(joined(labels, i))) return joined(labels, i);
-      if (i + 1 < labels.size() && list_.wildcardParents().contains(joined(labels, i + 1))) {
-        return joined(labels, i);
-      }
-      if (i + 1 == labels.size()) return labels.back();
-    }
-  }
-
-  [[nodiscard]] std::optional<std::string> registrableDomain(const std::string& host) const {
-    const auto suffix = publicSuffix(host);
-    const auto labels = labelsOf(host);
-    const auto suffixLabels = labelsOf(suffix);
-    if (suffix == host || suffixLabels.size() >= labels.size()) return std::nullopt;
-    return joined(labels, labels.size() - suffixLabels.size() - 1);
-  }
-
- private:
-  static std::vector<std::string> labelsOf(const std::string& host) {
-    std::vector<std::string> labels;
-    std::string label;
-    for (const char c : host + ".") {
-      if (c != '.') {
-        label += c;
-      } else if (!label.empty()) {
-        labels.push_back(std::exchange(label, ""));
-      }
-    }
-    return labels;
-  }
-  static std::string joined(const std::vector<std::string>& labels, std::size_t first) {
-    std::string name;
-    for (std::size_t i = first; i < labels.size(); ++i) name += (i > first ? "." : "") + labels[i];
-    return name;
-  }
-
-  const PublicSuffixList& list_;
-};
-
-void expectAgreement(const PublicSuffixList& list, const std::string& host) {
-  const LiteralRules literal(list);
-  ASSERT_EQ(list.publicSuffix(host), literal.publicSuffix(host)) << host;
-  ASSERT_EQ(list.registrableDomain(host), literal.registrableDomain(host)) << host;
-}
-
-TEST(PublicSuffixList, agreesWithTheRulesWordByWordOnRandomLists) {
-  std::mt19937_64 random(2001);
-  const auto randomName = [&](std::size_t labelsMax, bool mayHaveEmptyLabels) {
-    std::string name;
-    for (auto labels = 1 + random() % labelsMax; labels > 0; --labels) {
-      if (!mayHaveEmptyLabels || random() % 4 != 0) name += static_cast<char>('a' + random() % 3);
-      if (labels > 1) name += '.';
-    }
-    return name;
-  };
-  for (int round = 0; round < 400; ++round) {
-    std::string contents;
-    for (auto rules = random() % 12; rules > 0; --rules) {
-      constexpr std::string_view prefixes[]{"", "", "*.", "!"};
-      contents += prefixes[random() % 4];
-      contents += randomName(4, false) + "\n";
-    }
-    const PublicSuffixList list(contents);
-    for (int i = 0; i < 60; ++i) expectAgreement(list, randomName(6, random() % 3 == 0));
-  }
-}
-
-TEST(PublicSuffixList, agreesWithTheRulesWordByWordOnTheBundledList) {
-  const PublicSuffixList& list = PublicSuffixList::fromResource();
-  for (const auto* set : {&list.exactRules(), &list.wildcardParents(), &list.exceptionRules()}) {
-    for (const auto& rule : *set) {
-      expectAgreement(list, rule);
-      expectAgreement(list, "a." + rule);
-      expectAgreement(list, "www.example." + rule);
-      expectAgreement(list, rule.substr(1));
-    }
-  }
-}
-
 TEST(PublicSuffixList, isBundledWithTheProduct) {
   const PublicSuffixList& list = PublicSuffixList::fromResource();
   EXPECT_GT(list.exactRules().size(), 9'000U);
@@ -272,6 +181,18 @@ TEST_F(ResourceBundleFiles, areReadFromTheResourcesOfAnApplication) {
   const auto inApplication =
       ResourceBundle::named("StillowCore_StillowCore", root_ / "Contents" / "MacOS");
   EXPECT_EQ(inApplication.contents("public_suffix_list", "dat"), "org\n");
+}
+
+TEST_F(ResourceBundleFiles, areReadWholeHoweverLongTheyAre) {
+  const auto path = makeBundle("bin") / "long.dat";
+  constexpr std::size_t megabyte = 1 << 20;
+  std::string bytes;
+  for (std::size_t at = 0; at <= megabyte; ++at) bytes += static_cast<char>(at % 251);
+  for (const std::size_t size : {megabyte / 4 - 1, megabyte / 4, megabyte / 4 + 1, megabyte + 1}) {
+    write(path, std::string_view(bytes).substr(0, size));
+    const auto contents = bundle().contents("long", "dat");
+    ASSERT_TRUE(contents && *contents == bytes.substr(0, size)) << size;
+  }
 }
 
 TEST_F(ResourceBundleFiles, mayBeEmptyButNoDirectories) {
