@@ -73,6 +73,17 @@ TEST(CommandRunner, endsAChildThatHangs) {
   EXPECT_EQ(errno, ESRCH);
 }
 
+TEST(CommandRunner, endsACommandByTheLimitOfItsOwn) {
+  CommandRunner patient;
+  Command command = shellCommand("exec sleep 600");
+  command.limit = std::chrono::milliseconds(300);
+  EXPECT_EQ(failure(patient, command), Reason::tookTooLong);
+  CommandRunner impatient(std::chrono::nanoseconds(1));
+  command = shellCommand("echo out");
+  command.limit = std::chrono::seconds(60);
+  EXPECT_EQ(result(impatient, command).output, "out\n");
+}
+
 TEST(CommandRunner, endsAChildThatHangsWhileItPrints) {
   CommandRunner runner(std::chrono::milliseconds(300));
   EXPECT_EQ(failure(runner, shellCommand("while :; do echo x >&2; sleep 0.01; done")),

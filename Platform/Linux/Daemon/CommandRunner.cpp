@@ -223,7 +223,7 @@ void CommandRunner::abandon(pid_t pid) {
 
 std::expected<CommandResult, CommandFailure> CommandRunner::run(const Command& command) {
   takeAbandoned();
-  const auto deadline = Clock::now() + limit_;
+  const auto deadline = Clock::now() + command.limit.value_or(limit_);
   const std::string name = command.arguments.empty() ? std::string() : command.arguments.front();
   const auto failure = [&name](Reason reason, const std::string& what) {
     return std::unexpected(CommandFailure{reason, "The command " + name + " " + what + "."});

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <expected>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +13,14 @@
 
 namespace stillow::platform {
 
-/// A program to run, and what it reads from its standard input.
+/// A program to run, what it reads from its standard input, and for how long it may run.
 struct Command {
   /// Program name and arguments. A name without "/" is looked for where system programs lie, never
   /// along a PATH.
   std::vector<std::string> arguments;
   std::string input = {};
+  /// In the place of the limit that the implementation has for all.
+  std::optional<std::chrono::nanoseconds> limit = {};
 };
 
 struct CommandResult {
@@ -46,7 +49,7 @@ struct CommandFailure {
 class CommandRunning {
  public:
   virtual ~CommandRunning() = default;
-  /// Runs `command` to its end. Blocks, but not for longer than the implementation's limit.
+  /// Runs `command` to its end. Blocks, but not for longer than the limit.
   [[nodiscard]] virtual std::expected<CommandResult, CommandFailure> run(
       const Command& command) = 0;
 

@@ -17,8 +17,8 @@
 #include "PlatformLinuxDaemon/BoottimeSleeper.hpp"
 #include "PlatformLinuxDaemon/CommandRunner.hpp"
 #include "PlatformLinuxDaemon/ContinuousMonotonicTimeSource.hpp"
-#include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
 #include "PlatformLinuxDaemon/NetfilterConfiguration.hpp"
+#include "PlatformLinuxDaemon/ProcessDiagnosticConnector.hpp"
 #include "PlatformLinuxDaemon/ServiceWatchdog.hpp"
 #include "PlatformLinuxDaemon/SystemFilterPathObserver.hpp"
 #include "PlatformLinuxDaemon/SystemNetworkPathObserver.hpp"
@@ -33,8 +33,10 @@
 #include "PlatformLinuxPeer/RootDaemon.hpp"
 #include "PlatformLinuxPeer/SignedExecutableIdentifier.hpp"
 #include "PlatformLinuxPeer/SignedExecutablePeerIdentifier.hpp"
+#include "PlatformLinuxProbe/ProbeAnswer.hpp"
 #include "PlatformLinuxText/LocalizedDate.hpp"
 #include "StillowConcurrency/ThreadBlockingExecutor.hpp"
+#include "StillowCore/ResourceBundle.hpp"
 #include "StillowCore/SystemTime.hpp"
 #include "StillowDaemon/DaemonPlatform.hpp"
 #include "StillowFiltering/EnforcementDirectiveStore.hpp"
@@ -138,7 +140,11 @@ class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
                 .queue = queue}),
         .filterPath = filterPath,
         .connector =
-            std::make_shared<CurlDiagnosticConnector>(std::make_shared<ThreadBlockingExecutor>(1)),
+            std::make_shared<ProcessDiagnosticConnector>(ProcessDiagnosticConnector::Collaborators{
+                .blocking = std::make_shared<ThreadBlockingExecutor>(1),
+                .commands = std::make_shared<CommandRunner>(),
+                .program = core::platform::executableDirectory() / probeProgramName,
+                .log = log}),
         .networkPaths = std::make_shared<SystemNetworkPathObserver>(executor(), sleeper_),
         .directives =
             std::make_shared<filtering::FileEnforcementDirectiveStore>(fileSystem_, directivePath),

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "PlatformLinuxDaemon/DiagnosticExchange.hpp"
 #include "PlatformLinuxDaemon/NetfilterConfiguration.hpp"
+#include "PlatformLinuxDiagnostic/DiagnosticExchange.hpp"
 #include "PlatformLinuxFilter/NetfilterRules.hpp"
 #include "PlatformLinuxInstallation/SystemdUnit.hpp"
 #include "StillowAuthority/DurableCommitmentStore.hpp"

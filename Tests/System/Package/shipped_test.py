@@ -49,6 +49,15 @@ class Shipped(unittest.TestCase):
             sections = run(["readelf", "--wide", "--sections", executable]).stdout
             self.assertNotIn(".symtab", sections, "stripped before it was signed")
 
+    def test_the_daemon_has_the_program_that_connects_for_it_beside_it_and_no_libcurl(self):
+        needed = {}
+        for name in ("StillowDaemon", "stillow-probe"):
+            executable = self.root / "usr/sbin" / name
+            self.assertEqual(executable.stat().st_mode & 0o7777, 0o755, name)
+            needed[name] = run(["readelf", "--wide", "--dynamic", executable]).stdout
+        self.assertIn("[libcurl", needed["stillow-probe"])
+        self.assertNotIn("[libcurl", needed["StillowDaemon"])
+
     def test_nothing_lies_where_the_state_does(self):
         self.assertFalse((self.root / "Library").exists())
 

@@ -14,14 +14,15 @@
 #include <sys/socket.h>
 
 #include "NamespaceTesting.hpp"
-#include "PlatformLinuxDaemon/CurlDiagnosticConnector.hpp"
-#include "PlatformLinuxDaemon/DiagnosticExchange.hpp"
+#include "PlatformLinuxDaemon/CommandRunner.hpp"
+#include "PlatformLinuxDaemon/ProcessDiagnosticConnector.hpp"
+#include "PlatformLinuxDiagnostic/DiagnosticExchange.hpp"
 #include "StillowCore/FileDescriptor.hpp"
 #include "TestSupport/DeterministicExecutor.hpp"
 #include "TestSupport/TemporaryDirectory.hpp"
 
-/// Real HTTPS to a real server, in namespaces with a trust store, a hosts file and a resolver of
-/// their own. Needs root.
+/// Real HTTPS to a real server, made by the real program, in namespaces with a trust store, a hosts
+/// file and a resolver of their own. Needs root.
 namespace stillow::platform {
 namespace {
 
@@ -133,7 +134,9 @@ class PrivateMachine {
   TemporaryDirectory directory;
   bool isServing = false;
   stillow::test::DeterministicExecutor executor;
-  CurlDiagnosticConnector connector{executor.blockingExecutor()};
+  ProcessDiagnosticConnector connector{{.blocking = executor.blockingExecutor(),
+                                        .commands = std::make_shared<CommandRunner>(),
+                                        .program = STILLOW_BIN "/stillow-probe"}};
 };
 
 /// A socket of `type` on 127.0.0.1 and `port` that nobody ever reads from.
@@ -150,7 +153,7 @@ core::FileDescriptor silentSocket(int type, std::uint16_t port) {
   return socket;
 }
 
-TEST(CurlDiagnosticConnector, isAnsweredByTheServerThatWePackage) {
+TEST(DiagnosticConnection, isAnsweredByTheServerThatWePackage) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     machine.serveAsPackaged();
@@ -161,7 +164,7 @@ TEST(CurlDiagnosticConnector, isAnsweredByTheServerThatWePackage) {
   });
 }
 
-TEST(CurlDiagnosticConnector, takesWhicheverAddressFamilyWorks) {
+TEST(DiagnosticConnection, takesWhicheverAddressFamilyWorks) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     machine.serveAsPackaged();
@@ -174,7 +177,7 @@ TEST(CurlDiagnosticConnector, takesWhicheverAddressFamilyWorks) {
   });
 }
 
-TEST(CurlDiagnosticConnector, resolvesAnewEachTime) {
+TEST(DiagnosticConnection, resolvesAnewEachTime) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     machine.serveAsPackaged();
@@ -185,7 +188,7 @@ TEST(CurlDiagnosticConnector, resolvesAnewEachTime) {
   });
 }
 
-TEST(CurlDiagnosticConnector, ignoresWhiteSpaceAroundTheBody) {
+TEST(DiagnosticConnection, ignoresWhiteSpaceAroundTheBody) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     for (const char* const body : {"ok $host", "ok $host\\n", " \\r\\n\\tok $host\\n\\n "}) {
@@ -195,7 +198,7 @@ TEST(CurlDiagnosticConnector, ignoresWhiteSpaceAroundTheBody) {
   });
 }
 
-TEST(CurlDiagnosticConnector, takesAnyOtherAnswerForAnotherHosts) {
+TEST(DiagnosticConnection, takesAnyOtherAnswerForAnotherHosts) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     for (const char* const location : {
@@ -216,7 +219,7 @@ TEST(CurlDiagnosticConnector, takesAnyOtherAnswerForAnotherHosts) {
   });
 }
 
-TEST(CurlDiagnosticConnector, readsNoMoreThanAnAnswerCanHave) {
+TEST(DiagnosticConnection, readsNoMoreThanAnAnswerCanHave) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     machine.serveLocation("root /dev; try_files /zero =500;");
@@ -226,7 +229,7 @@ TEST(CurlDiagnosticConnector, readsNoMoreThanAnAnswerCanHave) {
   });
 }
 
-TEST(CurlDiagnosticConnector, acceptsOnlyACertificateThatTheSystemTrustsForTheName) {
+TEST(DiagnosticConnection, acceptsOnlyACertificateThatTheSystemTrustsForTheName) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     machine.issue("stranger", {host});
@@ -239,7 +242,7 @@ TEST(CurlDiagnosticConnector, acceptsOnlyACertificateThatTheSystemTrustsForTheNa
   });
 }
 
-TEST(CurlDiagnosticConnector, speaksNothingButHTTPS) {
+TEST(DiagnosticConnection, speaksNothingButHTTPS) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     machine.serveLocation("return 200 \"ok $host\";", "listen 80; listen 443;");
@@ -247,18 +250,19 @@ TEST(CurlDiagnosticConnector, speaksNothingButHTTPS) {
   });
 }
 
-TEST(CurlDiagnosticConnector, takesNoProxyFromTheEnvironment) {
+TEST(DiagnosticConnection, takesNoProxyFromTheEnvironment) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     machine.serveAsPackaged();
     for (const char* const name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
       (void)::setenv(name, "http://127.0.0.1:9", 1);
     }
+    EXPECT_EQ(exchangeDiagnostic(host, std::chrono::seconds(60)).outcome, answered);
     EXPECT_EQ(machine.connect(), answered);
   });
 }
 
-TEST(CurlDiagnosticConnector, givesUpOnAServerThatNeverAnswers) {
+TEST(DiagnosticConnection, givesUpOnAServerThatNeverAnswers) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     const auto server = silentSocket(SOCK_STREAM, 443);
@@ -266,7 +270,7 @@ TEST(CurlDiagnosticConnector, givesUpOnAServerThatNeverAnswers) {
   });
 }
 
-TEST(CurlDiagnosticConnector, doesNotWaitForAResolverThatNeverAnswers) {
+TEST(DiagnosticConnection, doesNotWaitForAResolverThatNeverAnswers) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     const auto resolver = silentSocket(SOCK_DGRAM, 53);
@@ -279,7 +283,7 @@ TEST(CurlDiagnosticConnector, doesNotWaitForAResolverThatNeverAnswers) {
   });
 }
 
-TEST(CurlDiagnosticConnector, failsWhereThereIsNoNetwork) {
+TEST(DiagnosticConnection, failsWhereThereIsNoNetwork) {
   inOwnNamespaces([] {
     PrivateMachine machine;
     EXPECT_EQ(machine.connect(), connectionFailed);

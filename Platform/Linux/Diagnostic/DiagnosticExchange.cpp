@@ -1,4 +1,4 @@
-#include "PlatformLinuxDaemon/DiagnosticExchange.hpp"
+#include "PlatformLinuxDiagnostic/DiagnosticExchange.hpp"
 
 #include <algorithm>
 #include <array>

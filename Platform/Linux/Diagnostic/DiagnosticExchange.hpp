@@ -40,8 +40,10 @@ struct DiagnosticExchange {
 /// looked through to ask what time it is. Everything else about them is verified either way.
 enum class CertificateTimes : std::uint8_t { verified, ignored };
 
-/// The very connection that `CurlDiagnosticConnector` makes. Blocks, for `timeout` at the most. Any
-/// thread.
+/// HTTPS as a browser would do it, with nothing kept and nothing taken from elsewhere: a fresh name
+/// resolution and a fresh connection over whichever address family works, verified against the
+/// system's trust store; no proxy, not even one that the environment names, no redirects, cookies,
+/// caches, credentials or remembered TLS sessions. Blocks, for `timeout` at the most. Any thread.
 [[nodiscard]] DiagnosticExchange exchangeDiagnostic(
     const std::string& host, std::chrono::nanoseconds timeout,
     CertificateTimes times = CertificateTimes::verified);
