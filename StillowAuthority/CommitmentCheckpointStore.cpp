@@ -2,6 +2,8 @@
 
 #include <limits>
 
+#include "StillowCore/SHA256.hpp"
+
 namespace stillow::authority {
 
 namespace {
@@ -89,7 +91,7 @@ LoadResult FileCommitmentCheckpointStore::load() {
   if (!*bytes) return std::nullopt;
   auto checkpoint = open(**bytes, schemaVersion_);
   if (!checkpoint) return std::unexpected(std::move(checkpoint.error()));
-  soundContent_ = core::sha256(**bytes);
+  soundContent_ = core::contentTag(**bytes);
   return std::move(*checkpoint);
 }
 
@@ -97,7 +99,7 @@ SaveResult FileCommitmentCheckpointStore::save(const CommitmentCheckpoint& check
   const auto bytes = seal(checkpoint, schemaVersion_);
   if (!bytes) return std::unexpected(bytes.error());
   if (auto replaced = file_.replace(*bytes); !replaced) return std::unexpected(replaced.error());
-  soundContent_ = core::sha256(*bytes);
+  soundContent_ = core::contentTag(*bytes);
   return {};
 }
 
@@ -118,11 +120,11 @@ FileCommitmentCheckpointStore::readVerified() {
   auto bytes = file_.read(fileBytesMax);
   if (!bytes) return std::unexpected(std::move(bytes.error()));
   if (!*bytes) return std::nullopt;
-  const core::SHA256Digest digest = core::sha256(**bytes);
-  if (digest != soundContent_) {
+  const core::ContentTag tag = core::contentTag(**bytes);
+  if (tag != soundContent_) {
     const auto opened = open(**bytes, schemaVersion_);
     if (!opened) return std::unexpected(opened.error());
-    soundContent_ = digest;
+    soundContent_ = tag;
   }
   return std::move(*bytes);
 }

@@ -10,7 +10,7 @@
 
 #include "StillowAuthority/CommitmentCheckpoint.hpp"
 #include "StillowCore/Coding.hpp"
-#include "StillowCore/SHA256.hpp"
+#include "StillowCore/ContentTag.hpp"
 #include "StillowCore/Scope.hpp"
 #include "StillowCore/SumType.hpp"
 #include "StillowFiltering/Storage/DurableFile.hpp"
@@ -117,9 +117,9 @@ class FileCommitmentCheckpointStore final : public CommitmentCheckpointStore {
 
   filtering::DurableFile file_;
   std::int64_t schemaVersion_;
-  /// Of the last file content that this object sealed or opened. Whatever has this digest is those
+  /// Of the last file content that this object sealed or opened. Whatever has this tag is those
   /// very bytes, so it needs no second look, whoever put it there.
-  std::optional<core::SHA256Digest> soundContent_;
+  std::optional<core::ContentTag> soundContent_;
 };
 
 /// A checkpoint in memory, for tests and tools. Any thread may call any operation, and none fails.
