@@ -195,7 +195,7 @@ PlainStatus plain(const DaemonStatus& status) {
       .filterConfigurationIsEnabled = status.readiness.filterConfigurationIsEnabled,
       .hasPassed = status.readiness.validation == core::EnforcementValidation::passed{},
       .validatedAt = std::nullopt};
-  for (const core::Domain& domain : active.scope) made.scope.push_back(domain.name());
+  for (const core::Domain& domain : active.scope) made.scope.emplace_back(domain.name());
   if (status.readiness.validatedAt) {
     made.validatedAt = status.readiness.validatedAt->secondsSinceReferenceDate;
   }

@@ -88,7 +88,7 @@ class Mapping {
   std::array<char, 256> ascii_{};
 };
 
-std::string nameOf(const Result& result) {
+std::string_view nameOf(const Result& result) {
   return core::match(
       result, [](const Result::alreadyRegistrable& found) { return found.domain.name(); },
       [](const Result::normalizedToRegistrable& found) { return found.registrable.name(); },

@@ -95,7 +95,7 @@ struct Fixture {
     for (std::size_t i = 0; i < flowCount; ++i) {
       const bool isBlocked = names.below(10) == 0;
       const std::string domain =
-          isBlocked ? domains[names.below(domains.size())].name() : names.domain();
+          isBlocked ? std::string(domains[names.below(domains.size())].name()) : names.domain();
       flows.push_back({names.host(domain), names.address()});
     }
   }

@@ -24,18 +24,18 @@ const DomainNormalizer& normalizer() {
 void checkDomain(std::string_view input) {
   const auto domain = Domain::make(input);
   if (!domain) return;
-  require(!domain->name().empty(), "a name is not empty");
+  const std::string name(domain->name());
+  require(!name.empty(), "a name is not empty");
   const DomainMatcher matcher(DomainSet{*domain});
-  require(matcher.matches(domain->name()), "a name matches itself");
-  require(matcher.matches("www." + domain->name()) ||
-              !text::isCharacterBoundary("." + domain->name(), 1),
+  require(matcher.matches(name), "a name matches itself");
+  require(matcher.matches("www." + name) || !text::isCharacterBoundary("." + name, 1),
           "a name below a name matches");
-  require(!matcher.matches(std::string_view(domain->name()).substr(1)) ||
-              domain->name().starts_with('.') || !text::isASCII(domain->name()),
+  require(!matcher.matches(std::string_view(name).substr(1)) || name.starts_with('.') ||
+              !text::isASCII(name),
           "a shorter name does not match");
   // One more dot is no longer the final one; without it the name is as it should be.
-  const auto again = Domain::make(domain->name());
-  require((again && again->name() == domain->name()) || text::hasSuffix(domain->name(), '.'),
+  const auto again = Domain::make(name);
+  require((again && again->name() == name) || text::hasSuffix(name, '.'),
           "making a name of a name changes nothing");
 }
 
@@ -57,7 +57,7 @@ void checkFixedPoint(const DomainNormalizationResult& first) {
   if (const auto* subdomain = getIf<Result::narrowerSubdomain>(first)) {
     require(normalizer().normalize(subdomain->narrow.name()) == first,
             "a subdomain is a fixed point");
-    require(subdomain->narrow.name().ends_with("." + registrable.name()),
+    require(subdomain->narrow.name().ends_with("." + std::string(registrable.name())),
             "a subdomain lies below its registrable domain");
   }
 }

@@ -31,7 +31,8 @@ void tryInForce(const EnforcementDirective& directive) {
     require(classifier.blocks(domain.name(), now), "a name that is listed is blocked");
     // A combining mark at the front would join the dot, which then separates nothing.
     if (!core::text::isASCII(domain.name().front())) continue;
-    require(classifier.blocks("below." + domain.name(), now), "and what lies below it");
+    require(classifier.blocks("below." + std::string(domain.name()), now),
+            "and what lies below it");
   }
   const filtering::FlowEvidence nothing{};
   const bool isHeld = core::is<filtering::FlowDisposition::allowUnderInspection>(

@@ -81,10 +81,10 @@ Task<EnforcementValidation> EnforcementValidator::connectBoth(Self self) {
   const auto& domains = self->with_.domains;
   // One after the other: in parallel, a network that fails for a moment could fail just one of
   // them.
-  const auto probed =
-      co_await self->with_.connector->connect(domains.probed.name(), self->with_.timeout);
-  const auto control =
-      co_await self->with_.connector->connect(domains.control.name(), self->with_.timeout);
+  const auto probed = co_await self->with_.connector->connect(std::string(domains.probed.name()),
+                                                              self->with_.timeout);
+  const auto control = co_await self->with_.connector->connect(std::string(domains.control.name()),
+                                                               self->with_.timeout);
   co_return judgement(probed, control);
 }
 

@@ -28,7 +28,7 @@
 ///   refined value     using Underlying = U;
 ///                     static const U& (or U) raw(const T&);
 ///                     static std::expected<T, std::string> refine(U);
-///   refined text      static const std::string& raw(const T&);
+///   refined text      static std::string_view raw(const T&);
 ///                     static std::optional<T> refine(std::string_view);  // of the JSON text
 ///                     static std::string refusal(std::string_view);      // why there is none
 ///

@@ -127,12 +127,14 @@ std::optional<Domain> Domain::make(std::string_view name) {
   if (text::hasSuffix(lower, '.')) lower.pop_back();
   // Lower-casing can leave only ASCII: U+212A becomes "k".
   if (text::isASCII(lower) ? !isASCIIName(lower) : !isUnicodeName(lower)) return std::nullopt;
-  return Domain(Passed{}, std::move(lower));
+  return Domain(Passed{}, lower);
 }
 
 std::weak_ordering operator<=>(const Domain& left, const Domain& right) {
-  if (text::isASCII(left.name_) && text::isASCII(right.name_)) return left.name_ <=> right.name_;
-  return text::canonicallyComposed(left.name_) <=> text::canonicallyComposed(right.name_);
+  const std::string_view first = left.name();
+  const std::string_view second = right.name();
+  if (text::isASCII(first) && text::isASCII(second)) return first <=> second;
+  return text::canonicallyComposed(first) <=> text::canonicallyComposed(second);
 }
 
 }  // namespace stillow::core
@@ -140,6 +142,6 @@ std::weak_ordering operator<=>(const Domain& left, const Domain& right) {
 std::size_t std::hash<stillow::core::Domain>::operator()(
     const stillow::core::Domain& domain) const {
   namespace text = stillow::core::text;
-  if (text::isASCII(domain.name())) return std::hash<std::string>{}(domain.name());
+  if (text::isASCII(domain.name())) return std::hash<std::string_view>{}(domain.name());
   return std::hash<std::string>{}(text::canonicallyComposed(domain.name()));
 }

@@ -6,7 +6,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
+
+#include "StillowCore/ShortText.hpp"
 
 namespace stillow::core {
 
@@ -22,11 +23,12 @@ class Domain {
   /// where it is not UTF-8.
   [[nodiscard]] static std::optional<Domain> make(std::string_view name);
 
-  [[nodiscard]] const std::string& name() const& noexcept { return name_; }
-  [[nodiscard]] std::string name() && noexcept { return std::move(name_); }
+  /// Valid until the domain is moved from, assigned to or destroyed.
+  [[nodiscard]] std::string_view name() const& noexcept { return name_.view(); }
+  [[nodiscard]] std::string name() && { return std::string(name_.view()); }
 
   friend bool operator==(const Domain& left, const Domain& right) {
-    return left.name_ == right.name_ || (left <=> right) == 0;
+    return left.name() == right.name() || (left <=> right) == 0;
   }
   /// Byte order of the canonically composed names.
   friend std::weak_ordering operator<=>(const Domain& left, const Domain& right);
@@ -36,11 +38,10 @@ class Domain {
   struct Passed {};
 
  public:
-  Domain(Passed, std::string name) noexcept : name_(std::move(name)) {}
   Domain(Passed, std::string_view name) : name_(name) {}
 
  private:
-  std::string name_;
+  ShortText name_;
 };
 
 }  // namespace stillow::core

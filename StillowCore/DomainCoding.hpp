@@ -15,7 +15,7 @@ namespace stillow::core {
 
 template <>
 struct Coding<Domain> {
-  static const std::string& raw(const Domain& domain) { return domain.name(); }
+  static std::string_view raw(const Domain& domain) { return domain.name(); }
   static std::optional<Domain> refine(std::string_view name) { return Domain::make(name); }
   static std::string refusal(std::string_view name) {
     return "Not a valid domain name: " + std::string(name);

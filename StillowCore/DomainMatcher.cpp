@@ -58,7 +58,7 @@ bool isAlwaysSeparator(std::size_t) noexcept { return true; }
 
 /// Calls `visit` with the suffixes of a name in its composed form.
 template <class Visit>
-void forEachSuffixOfName(const SuffixHash& hash, const std::string& name, Visit visit) {
+void forEachSuffixOfName(const SuffixHash& hash, std::string_view name, Visit visit) {
   const auto visitAll = [&](const Suffix& suffix) {
     visit(suffix);
     return false;
@@ -96,7 +96,7 @@ Block blockOf(const Suffix& name) noexcept {
 }
 
 /// Whether `suffix`, ASCII or lower-cased and composed, is `name`.
-bool isEqual(std::string_view suffix, const std::string& name) {
+bool isEqual(std::string_view suffix, std::string_view name) {
   if (!text::isASCII(name)) return suffix == text::canonicallyComposed(name);
   return std::ranges::equal(
       suffix, name, [](char left, char right) { return text::lowercasedASCII(left) == right; });

@@ -31,8 +31,7 @@ class DomainMatcher {
   /// The names it was built from, in the order of the set. Valid as long as the matcher.
   [[nodiscard]] auto domainNames() const {
     return std::ranges::subrange(domains_.begin(), domains_.end()) |
-           std::views::transform(
-               [](const Domain& domain) -> const std::string& { return domain.name(); });
+           std::views::transform([](const Domain& domain) { return domain.name(); });
   }
 
   /// Upper case and one final dot make no difference; empty labels are labels like others.

@@ -77,7 +77,7 @@ std::expected<Domain, Error> domainOf(std::string_view host, bool& isChanged) {
   if (!domain) return std::unexpected(Error::invalidHostname{text::lowercased(host)});
   if (text::isASCII(domain->name())) return *std::move(domain);
   const auto ascii = text::asciiHost(domain->name());
-  if (!ascii) return std::unexpected(Error::invalidHostname{domain->name()});
+  if (!ascii) return std::unexpected(Error::invalidHostname{std::string(domain->name())});
   isChanged = true;
   auto converted = Domain::make(*ascii);
   if (!converted) return std::unexpected(Error::invalidHostname{*ascii});

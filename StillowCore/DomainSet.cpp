@@ -72,8 +72,7 @@ DomainSet DomainSet::of(std::vector<Domain> domains) {
   }
   const auto isASCII = [](const Domain& domain) { return text::isASCII(domain.name()); };
   if (std::ranges::all_of(domains, isASCII)) {
-    std::ranges::sort(domains, {},
-                      [](const Domain& domain) -> const std::string& { return domain.name(); });
+    std::ranges::sort(domains, {}, [](const Domain& domain) { return domain.name(); });
   } else {
     sortByComposedName(domains);
   }

@@ -46,7 +46,7 @@ std::expected<Scope, ScopeStrengtheningError> Scope::strengthened(
 
 bool Scope::contains(std::string_view host) const noexcept {
   return std::ranges::any_of(domains, [&](const Domain& domain) {
-    const std::string& name = domain.name();
+    const std::string_view name = domain.name();
     if (!host.ends_with(name)) return false;
     return host.size() == name.size() || host[host.size() - name.size() - 1] == '.';
   });

@@ -286,7 +286,8 @@ TEST(DomainMatcher, findsEveryOneOfManyNames) {
   const DomainMatcher matcher(set);
   std::size_t missed = 0;
   std::size_t wrong = 0;
-  for (const auto& name : matcher.domainNames()) {
+  for (const std::string_view view : matcher.domainNames()) {
+    const std::string name(view);
     if (!matcher.matches(name) || !matcher.matches("www." + name)) ++missed;
     if (matcher.matches("x" + name) || matcher.matches(name + "x")) ++wrong;
   }

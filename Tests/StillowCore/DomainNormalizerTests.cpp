@@ -256,7 +256,8 @@ TEST(DomainNormalizer, changesNothingInANormalizedName) {
         << input;
     if (const auto* subdomain = getIf<Result::narrowerSubdomain>(*first)) {
       ASSERT_EQ(real.normalize(subdomain->narrow.name()), *first) << input;
-      ASSERT_TRUE(subdomain->narrow.name().ends_with("." + registrable.name())) << input;
+      ASSERT_TRUE(subdomain->narrow.name().ends_with("." + std::string(registrable.name())))
+          << input;
     }
   }
   EXPECT_GT(accepted, 3'000U);

@@ -24,7 +24,7 @@ DomainSet domains(std::initializer_list<std::string_view> names) {
 
 std::vector<std::string> namesOf(const DomainSet& set) {
   std::vector<std::string> names;
-  for (const Domain& domain : set) names.push_back(domain.name());
+  for (const Domain& domain : set) names.emplace_back(domain.name());
   return names;
 }
 

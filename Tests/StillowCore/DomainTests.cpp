@@ -16,7 +16,7 @@ namespace {
 std::optional<std::string> nameOf(std::string_view name) {
   const auto domain = Domain::make(name);
   if (!domain) return std::nullopt;
-  return domain->name();
+  return std::string(domain->name());
 }
 
 constexpr auto refused = std::nullopt;

@@ -354,7 +354,7 @@ class PlainClassifier {
     scope_.clear();
     counters_.scopeGeneration = 0;
     if (directive && directive->scope) {
-      for (const Domain& domain : directive->scope->domains) scope_.push_back(domain.name());
+      for (const Domain& domain : directive->scope->domains) scope_.emplace_back(domain.name());
       counters_.scopeGeneration = directive->scope->generation;
     }
     probe_ = directive ? directive->validation : std::nullopt;
@@ -414,7 +414,7 @@ class PlainClassifier {
 
   void enforce(Date now) {
     effective_ = scope_;
-    if (probe_ && now < probe_->expiresAt) effective_.push_back(probe_->domain.name());
+    if (probe_ && now < probe_->expiresAt) effective_.emplace_back(probe_->domain.name());
     if (effective_.empty()) pairs_.clear();
   }
 

@@ -63,7 +63,8 @@ std::expected<TypedSite, std::string> understandSite(const core::DomainNormalize
         return TypedSite{result.registrable, "from " + printable(result.original)};
       },
       [](const Result::narrowerSubdomain& result) {
-        return TypedSite{result.narrow, "only this part of " + result.registrable.name() +
+        return TypedSite{result.narrow, "only this part of " +
+                                            std::string(result.registrable.name()) +
                                             ", and what is below it"};
       });
   if (std::string refusal = domainRefusal(text, site.domain); !refusal.empty()) {
