@@ -58,7 +58,6 @@ CommitmentAuthority::CommitmentAuthority(const concurrency::Executor& executor,
                                          DurableCommitmentStore durableState, core::WallClock clock,
                                          CommitmentStateRecovery recovery)
     : executor_(executor),
-      serial_(executor),
       blocking_(std::move(blocking)),
       durableState_(std::move(durableState)),
       clock_(std::move(clock)),
@@ -76,12 +75,10 @@ Task<std::invoke_result_t<Work&, CommitmentAuthority&>> CommitmentAuthority::bri
 
 // ---- the operations
 
-Task<DaemonStatus> CommitmentAuthority::status() {
-  return serial_.run(answerStatus(shared_from_this(), false));
-}
+Task<DaemonStatus> CommitmentAuthority::status() { return answerStatus(shared_from_this(), false); }
 
 Task<DaemonStatus> CommitmentAuthority::publishStatus() {
-  return serial_.run(answerStatus(shared_from_this(), true));
+  return answerStatus(shared_from_this(), true);
 }
 
 // Resolving a large selection takes a while. It needs nothing of the authority, so it is done
@@ -105,14 +102,13 @@ Task<CommitmentAuthority::StatusResult> CommitmentAuthority::extend(
     }
     return machine.extend(newEndTime, now);
   };
-  return serial_.run(
-      apply(shared_from_this(), std::move(rule), Origin::client, RunningTimeRecording::durable));
+  return apply(shared_from_this(), std::move(rule), Origin::client, RunningTimeRecording::durable);
 }
 
 Task<DaemonStatus> CommitmentAuthority::acknowledgeExpiry() {
   Rule rule = [](Machine& machine, Date now) { return machine.acknowledgeExpiry(now); };
-  return serial_.run(applyAlwaysPermitted(shared_from_this(), std::move(rule), Origin::client,
-                                          RunningTimeRecording::durable));
+  return applyAlwaysPermitted(shared_from_this(), std::move(rule), Origin::client,
+                              RunningTimeRecording::durable);
 }
 
 Task<DaemonStatus> CommitmentAuthority::recordEnforcement(
@@ -120,19 +116,18 @@ Task<DaemonStatus> CommitmentAuthority::recordEnforcement(
   Rule rule = [enforcement](Machine& machine, Date now) {
     return machine.recordEnforcement(enforcement, now);
   };
-  return serial_.run(applyAlwaysPermitted(shared_from_this(), std::move(rule), Origin::daemon,
-                                          RunningTimeRecording::durable));
+  return applyAlwaysPermitted(shared_from_this(), std::move(rule), Origin::daemon,
+                              RunningTimeRecording::durable);
 }
 
 Task<void> CommitmentAuthority::record(core::EnforcementValidation validation, Date obtainedAt) {
-  return serial_.run(
-      briefTurn(shared_from_this(), [validation, obtainedAt](CommitmentAuthority& self) {
-        (void)self.machine_.recordValidation(validation, obtainedAt, self.clock_());
-      }));
+  return briefTurn(shared_from_this(), [validation, obtainedAt](CommitmentAuthority& self) {
+    (void)self.machine_.recordValidation(validation, obtainedAt, self.clock_());
+  });
 }
 
 Task<DaemonStatus> CommitmentAuthority::recordFilterConfiguration(bool isEnabled, bool publishing) {
-  return serial_.run(applyFilterConfiguration(shared_from_this(), isEnabled, publishing));
+  return applyFilterConfiguration(shared_from_this(), isEnabled, publishing);
 }
 
 Task<DaemonStatus> CommitmentAuthority::recordRunningTime(double seconds,
@@ -140,38 +135,35 @@ Task<DaemonStatus> CommitmentAuthority::recordRunningTime(double seconds,
   Rule rule = [seconds](Machine& machine, Date now) {
     return machine.recordRunningTime(seconds, now);
   };
-  return serial_.run(
-      applyAlwaysPermitted(shared_from_this(), std::move(rule), Origin::daemon, recording));
+  return applyAlwaysPermitted(shared_from_this(), std::move(rule), Origin::daemon, recording);
 }
 
 Task<std::optional<ipc::ActivationValidationRefusal>> CommitmentAuthority::activationRefusal() {
-  return serial_.run(briefTurn(shared_from_this(), [](CommitmentAuthority& self) {
+  return briefTurn(shared_from_this(), [](CommitmentAuthority& self) {
     return self.machine_.readiness().activationRefusal(self.clock_());
-  }));
+  });
 }
 
 Task<CommitmentAuthority::Subscription> CommitmentAuthority::subscribe(Observer observer) {
-  return serial_.run(addObserver(shared_from_this(), std::move(observer)));
+  return addObserver(shared_from_this(), std::move(observer));
 }
 
 Task<void> CommitmentAuthority::unsubscribe(core::UUID token) {
-  return serial_.run(briefTurn(
-      shared_from_this(), [token](CommitmentAuthority& self) { self.observers_.erase(token); }));
+  return briefTurn(shared_from_this(),
+                   [token](CommitmentAuthority& self) { self.observers_.erase(token); });
 }
 
 Task<void> CommitmentAuthority::setFaultReporter(std::weak_ptr<EnforcementFaultReporting> faults) {
-  return serial_.run(briefTurn(shared_from_this(),
-                               [faults](CommitmentAuthority& self) { self.faults_ = faults; }));
+  return briefTurn(shared_from_this(),
+                   [faults](CommitmentAuthority& self) { self.faults_ = faults; });
 }
 
 Task<Source> CommitmentAuthority::recoverySource() {
-  return serial_.run(briefTurn(shared_from_this(),
-                               [](CommitmentAuthority& self) { return self.recoverySource_; }));
+  return briefTurn(shared_from_this(),
+                   [](CommitmentAuthority& self) { return self.recoverySource_; });
 }
 
-Task<bool> CommitmentAuthority::retryRecovery() {
-  return serial_.run(recoverAgain(shared_from_this()));
-}
+Task<bool> CommitmentAuthority::retryRecovery() { return recoverAgain(shared_from_this()); }
 
 // ---- turns
 
@@ -224,8 +216,8 @@ Task<CommitmentAuthority::StatusResult> CommitmentAuthority::resolveAndActivate(
     }
     return machine.activate(websites, duration, now);
   };
-  Task<StatusResult> turn = self->serial_.run(
-      apply(self, std::move(rule), Origin::client, RunningTimeRecording::durable));
+  Task<StatusResult> turn =
+      apply(self, std::move(rule), Origin::client, RunningTimeRecording::durable);
   StatusResult ruling = co_await std::move(turn);
   co_return ruling;
 }
@@ -236,8 +228,8 @@ Task<CommitmentAuthority::StatusResult> CommitmentAuthority::resolveAndStrengthe
   Rule rule = [additions](Machine& machine, Date now) {
     return machine.strengthen(additions, now);
   };
-  Task<StatusResult> turn = self->serial_.run(
-      apply(self, std::move(rule), Origin::client, RunningTimeRecording::durable));
+  Task<StatusResult> turn =
+      apply(self, std::move(rule), Origin::client, RunningTimeRecording::durable);
   StatusResult ruling = co_await std::move(turn);
   co_return ruling;
 }

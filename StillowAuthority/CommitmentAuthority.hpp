@@ -13,7 +13,6 @@
 #include "StillowAuthority/DurableCommitmentStore.hpp"
 #include "StillowAuthority/SupervisionRoles.hpp"
 #include "StillowConcurrency/BlockingExecutor.hpp"
-#include "StillowConcurrency/Strand.hpp"
 #include "StillowConcurrency/Task.hpp"
 #include "StillowConcurrency/Turn.hpp"
 #include "StillowCore/Date.hpp"
@@ -154,7 +153,6 @@ class CommitmentAuthority final : public ValidationRecording,
   concurrency::Task<void> tellObservers(StatusPointer status);
 
   concurrency::Executor executor_;
-  concurrency::Strand serial_;
   concurrency::Turn turn_;
   std::shared_ptr<concurrency::BlockingExecutor> blocking_;
   DurableCommitmentStore durableState_;
@@ -178,7 +176,7 @@ class CommitmentAuthority final : public ValidationRecording,
 template <class T>
 concurrency::Task<T> CommitmentAuthority::inTurn(
     std::function<concurrency::Task<T>(StatusPointer)> body) {
-  return serial_.run(runInTurn<T>(shared_from_this(), std::move(body)));
+  return runInTurn<T>(shared_from_this(), std::move(body));
 }
 
 template <class T>

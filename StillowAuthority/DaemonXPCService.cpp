@@ -54,7 +54,7 @@ class DaemonXPCService::StatusOutlet {
  public:
   explicit StatusOutlet(Connection connection) : connection_(std::move(connection)) {}
 
-  /// `offer` and `open` are true if somebody has to begin delivering now.
+  /// `offer` and `open` are true if the caller has to see to it that what is here is taken.
   [[nodiscard]] bool offer(StatusPointer status) {
     const std::lock_guard lock(mutex_);
     if (isClosed_) {
@@ -62,7 +62,7 @@ class DaemonXPCService::StatusOutlet {
       return false;
     }
     newest_ = std::move(status);
-    return beginDelivering();
+    return becomeDue();
   }
   void offerIfNothingNewer(StatusPointer status) {
     const std::lock_guard lock(mutex_);
@@ -71,13 +71,13 @@ class DaemonXPCService::StatusOutlet {
   [[nodiscard]] bool open() {
     const std::lock_guard lock(mutex_);
     isOpen_ = true;
-    return beginDelivering();
+    return becomeDue();
   }
 
-  /// The status to push next; null ends the delivering.
+  /// The status to push; null if there is none any more.
   [[nodiscard]] StatusPointer take() {
     const std::lock_guard lock(mutex_);
-    isDelivering_ = newest_ != nullptr;
+    isDue_ = false;
     return std::exchange(newest_, nullptr);
   }
 
@@ -98,9 +98,9 @@ class DaemonXPCService::StatusOutlet {
   [[nodiscard]] ipc::ServedConnection& connection() const { return *connection_; }
 
  private:
-  bool beginDelivering() {
-    if (!isOpen_ || isDelivering_ || !newest_) return false;
-    isDelivering_ = true;
+  bool becomeDue() {
+    if (!isOpen_ || isDue_ || !newest_) return false;
+    isDue_ = true;
     return true;
   }
 
@@ -110,7 +110,7 @@ class DaemonXPCService::StatusOutlet {
   bool isOpen_ = false;
   bool isClosed_ = false;
   bool hasMissed_ = false;
-  bool isDelivering_ = false;
+  bool isDue_ = false;
 };
 
 DaemonXPCService::Self DaemonXPCService::make(Dependencies dependencies) {
@@ -118,9 +118,7 @@ DaemonXPCService::Self DaemonXPCService::make(Dependencies dependencies) {
 }
 
 DaemonXPCService::DaemonXPCService(Dependencies dependencies)
-    : dependencies_(std::move(dependencies)),
-      encoding_(dependencies_.executor),
-      decodingBigRequests_(dependencies_.executor) {}
+    : dependencies_(std::move(dependencies)), decodingBigRequests_(dependencies_.executor) {}
 
 std::expected<void, std::string> DaemonXPCService::start(ipc::DaemonListening& listener) {
   return listener.start(weak_from_this());
@@ -292,7 +290,7 @@ Task<void> DaemonXPCService::subscribe(Self self, Connection connection, ipc::Ca
   const auto outlet = std::make_shared<StatusOutlet>(connection);
   Task<bool> registering = registerOutlet(self, std::move(connection), outlet, std::move(answer));
   const bool isRegistered = co_await std::move(registering);
-  if (isRegistered && outlet->open()) co_await deliver(std::move(self), outlet);
+  if (isRegistered && outlet->open()) self->deliverSoon(outlet);
 }
 
 /// Registers `outlet` for the connection and answers. False: the connection has ended.
@@ -313,7 +311,7 @@ Task<bool> DaemonXPCService::registerOutlet(Self self, Connection connection,
   Subscription subscription{registered.token, outlet};
   Task<bool> enrolling = enroll(self, connection->identity(), std::move(subscription),
                                 std::move(registered.status), answer);
-  const bool isEnrolled = co_await self->encoding_.run(std::move(enrolling));
+  const bool isEnrolled = co_await std::move(enrolling);
   if (isEnrolled) co_return true;
   outlet->close();
   co_await authority->unsubscribe(registered.token);
@@ -332,6 +330,7 @@ void DaemonXPCService::silence(ipc::ConnectionID connection) {
 Task<bool> DaemonXPCService::enroll(Self self, ipc::ConnectionID connection,
                                     Subscription subscription, StatusPointer status,
                                     ipc::CallAnswer answer) {
+  const concurrency::Turn::Holder turn = co_await self->encoding_.take();
   const std::shared_ptr<StatusOutlet> outlet = subscription.outlet;
   std::optional<Subscription> earlier;
   {
@@ -355,32 +354,41 @@ Task<void> DaemonXPCService::observe(std::weak_ptr<DaemonXPCService> weak,
                                      std::shared_ptr<StatusOutlet> outlet, StatusPointer status) {
   // Inside the authority's turn: takes the status and leaves.
   if (!outlet->offer(std::move(status))) co_return;
-  Self self = weak.lock();
-  if (!self) co_return;
-  // Posted: spawned it would begin inside the turn, and a status with a million names be encoded
-  // there.
-  const concurrency::Executor executor = self->dependencies_.executor;
-  boost::asio::post(executor, [executor, self = std::move(self), outlet = std::move(outlet)] {
-    concurrency::spawn(executor, deliver(self, outlet));
+  if (const Self self = weak.lock()) self->deliverSoon(std::move(outlet));
+}
+
+void DaemonXPCService::deliverSoon(std::shared_ptr<StatusOutlet> outlet) {
+  {
+    const std::lock_guard lock(mutex_);
+    due_.push_back(std::move(outlet));
+    if (due_.size() > 1) return;
+  }
+  // Posted: spawned it would begin inside the authority's turn, and a status with a million names
+  // be encoded there. All that becomes due until then goes together.
+  const concurrency::Executor executor = dependencies_.executor;
+  boost::asio::post(executor, [executor, self = shared_from_this()] {
+    concurrency::spawn(executor, deliverDue(self));
   });
 }
 
-Task<void> DaemonXPCService::deliver(Self self, std::shared_ptr<StatusOutlet> outlet) {
-  bool mayBeMore = true;
-  while (mayBeMore) mayBeMore = co_await self->encoding_.run(pushNewest(self, outlet));
-}
-
-Task<bool> DaemonXPCService::pushNewest(Self self, std::shared_ptr<StatusOutlet> outlet) {
-  // Taken here, on the strand, in one step with the push: an outlet that was silenced has nothing
-  // to give any more, so a subscription that is replaced pushes nothing newer than the answer to
-  // the one that replaces it, and nothing behind it.
-  StatusPointer status = outlet->take();
-  if (!status) co_return false;
-  // One that does not encode is dropped.
-  if (SharedBytes bytes = self->encoded(std::move(status))) {
-    outlet->connection().push(std::move(bytes));
+Task<void> DaemonXPCService::deliverDue(Self self) {
+  const concurrency::Turn::Holder turn = co_await self->encoding_.take();
+  std::vector<std::shared_ptr<StatusOutlet>> outlets;
+  {
+    const std::lock_guard lock(self->mutex_);
+    outlets.swap(self->due_);
   }
-  co_return true;
+  SharedBytes bytes;  // kept until the end: the next one is likely to need the same
+  for (const auto& outlet : outlets) {
+    // Taken here, in one turn with the push: an outlet that was silenced has nothing to give any
+    // more, so a subscription that is replaced pushes nothing newer than the answer to the one that
+    // replaces it, and nothing behind it.
+    StatusPointer status = outlet->take();
+    if (!status) continue;
+    // One that does not encode is dropped.
+    bytes = self->encoded(std::move(status));
+    if (bytes) outlet->connection().push(bytes);
+  }
 }
 
 Task<void> DaemonXPCService::removeObserver(std::shared_ptr<CommitmentAuthority> authority,
@@ -399,10 +407,7 @@ Task<std::optional<Record>> DaemonXPCService::decoded(Self self, SharedBytes req
 Task<DaemonReply> DaemonXPCService::reply(Self self, StatusResult result) {
   if (!result) co_return replyOf(result.error());
   auto status = std::make_shared<const ipc::DaemonStatus>(std::move(*result));
-  co_return co_await self->encoding_.run(encodeReply(self, std::move(status)));
-}
-
-Task<DaemonReply> DaemonXPCService::encodeReply(Self self, StatusPointer status) {
+  const concurrency::Turn::Holder turn = co_await self->encoding_.take();
   co_return self->encodedReply(std::move(status));
 }
 

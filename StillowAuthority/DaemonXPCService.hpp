@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "StillowAuthority/CommitmentAuthority.hpp"
 #include "StillowAuthority/SupervisionRoles.hpp"
@@ -95,16 +96,15 @@ class DaemonXPCService final : public ipc::DaemonListenerDelegate,
   static concurrency::Task<void> observe(std::weak_ptr<DaemonXPCService> weak,
                                          std::shared_ptr<StatusOutlet> outlet,
                                          StatusPointer status);
-  static concurrency::Task<void> deliver(Self self, std::shared_ptr<StatusOutlet> outlet);
-  static concurrency::Task<bool> pushNewest(Self self, std::shared_ptr<StatusOutlet> outlet);
+  void deliverSoon(std::shared_ptr<StatusOutlet> outlet);
+  static concurrency::Task<void> deliverDue(Self self);
   static concurrency::Task<void> removeObserver(std::shared_ptr<CommitmentAuthority> authority,
                                                 core::UUID observer);
 
   template <class Record>
   static concurrency::Task<std::optional<Record>> decoded(Self self, ipc::SharedBytes request);
   static concurrency::Task<ipc::DaemonReply> reply(Self self, StatusResult result);
-  static concurrency::Task<ipc::DaemonReply> encodeReply(Self self, StatusPointer status);
-  // On `encoding_` only.
+  // In a turn of `encoding_` only.
   ipc::SharedBytes encoded(StatusPointer status);
   ipc::DaemonReply encodedReply(StatusPointer status);
 
@@ -114,18 +114,19 @@ class DaemonXPCService final : public ipc::DaemonListenerDelegate,
 
   /// Statuses are encoded, and pushed or answered with, one after another, so that each is encoded
   /// once and no push passes the answer that it belongs behind.
-  const concurrency::Strand encoding_;
-  std::weak_ptr<const EncodedStatus> lastEncoded_;  ///< touched on `encoding_` only
+  concurrency::Turn encoding_;
+  std::weak_ptr<const EncodedStatus> lastEncoded_;  ///< touched by the holder of the turn only
 
   /// Big requests are decoded one at a time: each takes many times its size while that lasts.
   const concurrency::Strand decodingBigRequests_;
 
   concurrency::Turn subscribing_;
 
-  /// Guards the two below alone; never held across a call out.
+  /// Guards what is below alone; never held across a call out.
   std::mutex mutex_;
   std::set<ipc::ConnectionID> liveConnections_;
   std::map<ipc::ConnectionID, Subscription> subscriptions_;  ///< of live connections only
+  std::vector<std::shared_ptr<StatusOutlet>> due_;           ///< have a status to push
 };
 
 }  // namespace stillow::authority
