@@ -91,7 +91,7 @@ struct Fixture {
     std::vector<Domain> domains;
     for (std::size_t i = 0; i < count; ++i) domains.push_back(*Domain::make(names.blocked()));
     matcher = DomainMatcher(DomainSet::of(std::move(domains)));
-    for (const std::string& name : matcher.domainNames()) set.insert(name);
+    for (const std::string_view name : matcher.domainNames()) set.emplace(name);
   }
 
   Hosts hosts(const Mix& mix) {
@@ -101,7 +101,7 @@ struct Fixture {
       const bool isBlocked = names.below(10) < mix.blockedInTen;
       const std::size_t labels = mix.labelsMin + names.below(mix.labelsMax - mix.labelsMin + 1);
       const auto name = static_cast<std::ptrdiff_t>(names.below(blocked.size()));
-      hosts.add(names.below(isBlocked ? blocked[name] : names.registrable(), labels));
+      hosts.add(names.below(isBlocked ? std::string(blocked[name]) : names.registrable(), labels));
     }
     return hosts;
   }
