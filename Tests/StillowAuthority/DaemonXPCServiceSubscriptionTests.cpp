@@ -18,17 +18,6 @@ using Kind = Message::Kind;
 
 struct DaemonXPCServiceSubscriptionTest : ServiceWorld, ::testing::Test {
   void SetUp() override { serve(); }
-
-  /// A connection with an answered subscription and no messages yet.
-  std::shared_ptr<testing::RecordedConnection> subscriber() {
-    auto connection = connect();
-    EXPECT_TRUE(call(connection, DaemonOperation::subscribeToStatusChanges).status());
-    return connection;
-  }
-  void publish() {
-    (void)run(authority->publishStatus());
-    executor.runReady();
-  }
 };
 
 TEST_F(DaemonXPCServiceSubscriptionTest, answersWithThePresentStatusAndPushesEachChange) {

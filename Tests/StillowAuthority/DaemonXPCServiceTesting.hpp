@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -36,8 +37,11 @@ class RecordedConnection final : public ipc::ServedConnection {
   [[nodiscard]] ipc::ConnectionID identity() const noexcept override { return id_; }
   void push(ipc::SharedBytes status) override {
     messages->push_back({Message::Kind::push, ipc::DaemonReply::of(std::move(status))});
+    if (onPush) onPush();
   }
 
+  /// Something of the test's within each push, as where a connection finds its peer gone.
+  std::function<void()> onPush;
   std::shared_ptr<std::vector<Message>> messages = std::make_shared<std::vector<Message>>();
 
  private:
@@ -144,6 +148,19 @@ struct ServiceWorld : AuthorityWorld {
   }
   Message call(ipc::DaemonOperation operation, std::optional<std::string> request = std::nullopt) {
     return call(connect(), operation, std::move(request));
+  }
+
+  /// A connection with an answered subscription and no messages yet.
+  std::shared_ptr<RecordedConnection> subscriber() {
+    auto connection = connect();
+    core::require(
+        call(connection, ipc::DaemonOperation::subscribeToStatusChanges).status().has_value(),
+        "a subscription is answered with the status");
+    return connection;
+  }
+  void publish() {
+    (void)run(authority->publishStatus());
+    executor.runReady();
   }
 
   std::shared_ptr<RecordingValidator> validator = std::make_shared<RecordingValidator>(*this);

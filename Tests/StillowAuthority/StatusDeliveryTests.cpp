@@ -20,23 +20,8 @@ namespace {
 using ipc::DaemonOperation;
 using testing::domains;
 using testing::Message;
+using testing::RecordedConnection;
 using testing::ServiceWorld;
-
-/// Does something of the test's within each push, as a connection that finds its peer gone does.
-class ReactingConnection final : public ipc::ServedConnection {
- public:
-  [[nodiscard]] ipc::ConnectionID identity() const noexcept override { return id_; }
-  void push(ipc::SharedBytes status) override {
-    messages->push_back({Message::Kind::push, ipc::DaemonReply::of(std::move(status))});
-    if (onPush) onPush();
-  }
-
-  std::function<void()> onPush;
-  std::shared_ptr<std::vector<Message>> messages = std::make_shared<std::vector<Message>>();
-
- private:
-  const ipc::ConnectionID id_ = ipc::ConnectionID::next();
-};
 
 std::int64_t generationOf(const Message& message) {
   return message.status()->active()->scopeGeneration;
@@ -48,26 +33,13 @@ struct StatusDelivery : ServiceWorld, ::testing::Test {
     ASSERT_TRUE(activate());
   }
 
-  std::shared_ptr<ReactingConnection> subscriber() {
-    auto connection = std::make_shared<ReactingConnection>();
-    core::require(service->shouldAcceptNewConnection(connection).has_value(), "it was refused");
-    subscribe(connection);
-    executor.runReady();
-    EXPECT_EQ(connection->messages->size(), 1U);
-    connection->messages->clear();
-    return connection;
-  }
-  void subscribe(const std::shared_ptr<ReactingConnection>& connection) {
+  void subscribe(const std::shared_ptr<RecordedConnection>& connection) {
     send(connection, DaemonOperation::subscribeToStatusChanges, std::nullopt, connection->messages);
-  }
-  void publish() {
-    (void)run(authority->publishStatus());
-    executor.runReady();
   }
 };
 
 TEST_F(StatusDelivery, goesOnBehindAConnectionThatEndsWithinItsPush) {
-  std::vector<std::shared_ptr<ReactingConnection>> all;
+  std::vector<std::shared_ptr<RecordedConnection>> all;
   for (int i = 0; i < 5; ++i) all.push_back(subscriber());
   for (const std::size_t ending : {0U, 2U, 4U}) {
     all[ending]->onPush = [this, id = all[ending]->identity()] { service->ended(id); };
@@ -82,7 +54,7 @@ TEST_F(StatusDelivery, goesOnBehindAConnectionThatEndsWithinItsPush) {
 }
 
 TEST_F(StatusDelivery, leavesOutWhoeverEndsWithinThePushToAnother) {
-  std::vector<std::shared_ptr<ReactingConnection>> all;
+  std::vector<std::shared_ptr<RecordedConnection>> all;
   std::size_t pushes = 0;
   for (int i = 0; i < 5; ++i) all.push_back(subscriber());
   for (const auto& connection : all) {
@@ -142,7 +114,7 @@ TEST(StatusDeliveries, leaveEverybodyWithTheNewestWhateverHappensMeanwhile) {
     world.serve();
     ASSERT_TRUE(world.activate());
     struct Client {
-      std::shared_ptr<ReactingConnection> connection = std::make_shared<ReactingConnection>();
+      std::shared_ptr<RecordedConnection> connection = std::make_shared<RecordedConnection>();
       std::size_t messagesAtEnd = 0;
       bool hasEnded = false;
     };
