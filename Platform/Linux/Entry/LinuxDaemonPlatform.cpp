@@ -125,6 +125,7 @@ class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
     const auto queue = std::make_shared<KernelFilterQueueInspector>(
         [identifier](const PinnedProcess& process) { return identifier->identify(process); },
         filterPath->processWatch());
+    const auto commands = std::make_shared<CommandRunner>();
     const SocketLimits limits;
     return Daemon::Adapters{
         .executor = executor(),
@@ -136,13 +137,13 @@ class LinuxDaemonPlatform final : public daemon::DaemonPlatform {
         .filterConfiguration =
             std::make_shared<NetfilterConfiguration>(NetfilterConfiguration::Collaborators{
                 .blocking = std::make_shared<ThreadBlockingExecutor>(1),
-                .commands = std::make_shared<CommandRunner>(),
+                .commands = commands,
                 .queue = queue}),
         .filterPath = filterPath,
         .connector =
             std::make_shared<ProcessDiagnosticConnector>(ProcessDiagnosticConnector::Collaborators{
                 .blocking = std::make_shared<ThreadBlockingExecutor>(1),
-                .commands = std::make_shared<CommandRunner>(),
+                .commands = commands,
                 .program = core::platform::executableDirectory() / probeProgramName,
                 .log = log}),
         .networkPaths = std::make_shared<SystemNetworkPathObserver>(executor(), sleeper_),
