@@ -17,7 +17,9 @@ enum class DiagnosticConnectionOutcome : std::uint8_t {
 class DiagnosticConnecting {
  public:
   virtual ~DiagnosticConnecting() = default;
-  /// One fresh HTTPS connection to `host`, over in `timeout` at the latest.
+  /// One fresh HTTPS connection to `host`, over in `timeout` at the latest. Where it is made by a
+  /// program of its own, that one gets a moment more to start and to end, so the call itself may
+  /// take longer; what bounds a whole test of the block is the validator's own limit.
   virtual concurrency::Task<DiagnosticConnectionOutcome> connect(
       std::string host, std::chrono::nanoseconds timeout) = 0;
 
