@@ -97,6 +97,7 @@ Block blockOf(const Suffix& name) noexcept {
 
 /// Whether `suffix`, ASCII or lower-cased and composed, is `name`.
 bool isEqual(std::string_view suffix, std::string_view name) {
+  if (suffix == name) return true;
   if (!text::isASCII(name)) return suffix == text::canonicallyComposed(name);
   return std::ranges::equal(
       suffix, name, [](char left, char right) { return text::lowercasedASCII(left) == right; });
@@ -192,14 +193,18 @@ bool DomainMatcher::matches(std::string_view host) const {
 
 bool DomainMatcher::matchesLonger(std::string_view host, std::uint32_t cuts) const {
   const LastBytes bytes = LastBytes::of(host);
-  for (std::size_t labels = labelsMin_; labels < gateLabelsMax; ++labels) {
+  std::size_t labels = labelsMin_ + 1;
+  for (; labels <= gateLabelsMax; ++labels) {
     cuts = SuffixHash::withoutFirst(cuts);
-    // Longer suffixes remain, unless that was the whole host.
-    if (cuts <= noCuts) return host.size() >= Block::size && matchesInFull(host);
+    if (cuts <= noCuts) {
+      // Longer suffixes remain, unless that was the whole host.
+      if (host.size() < Block::size) return false;
+      break;
+    }
     const Probe next = probe(bytes, cuts);
     if (next.decides) return next.isMarked;
   }
-  return matchesInFull(host);
+  return matchesFrom(labels, host);
 }
 
 inline auto DomainMatcher::probe(const LastBytes& bytes, std::uint32_t cuts) const noexcept
@@ -215,20 +220,25 @@ inline auto DomainMatcher::probe(const LastBytes& bytes, std::uint32_t cuts) con
 
 bool DomainMatcher::matchesInFull(std::string_view host) const {
   if (slots_.empty() || host.empty()) return false;
+  return matchesFrom(labelsMin_, host);
+}
+
+bool DomainMatcher::matchesFrom(std::size_t labels, std::string_view host) const {
   if (text::isASCII(host)) {
     host.remove_suffix(host.back() == '.' ? 1 : 0);
-    return matchesAnySuffix(host, isAlwaysSeparator);
+    return matchesAnySuffix(host, labels, isAlwaysSeparator);
   }
   std::string composed = text::canonicallyComposed(text::lowercased(host));
   if (text::hasSuffix(composed, '.')) composed.pop_back();
-  return matchesAnySuffix(composed,
+  return matchesAnySuffix(composed, labelsMin_,
                           [&](std::size_t at) { return text::isWholeCharacter(composed, at); });
 }
 
 template <class IsSeparator>
-bool DomainMatcher::matchesAnySuffix(std::string_view name, IsSeparator isSeparator) const {
+bool DomainMatcher::matchesAnySuffix(std::string_view name, std::size_t labelsMin,
+                                     IsSeparator isSeparator) const {
   bool isFound = false;
-  hash_.forEachSuffix(name, labelsMin_, isSeparator, [&](const Suffix& suffix) {
+  hash_.forEachSuffix(name, labelsMin, isSeparator, [&](const Suffix& suffix) {
     const std::uint64_t group = groupOf(suffix.hash);
     if (!isMarked(group, suffix.hash)) return suffix.labels <= gateLabelsMax;
     const Slot& slot = slots_[slotOf(suffix.hash, group)];

@@ -67,8 +67,11 @@ class DomainMatcher {
   /// Goes on behind the first of the cuts, out of the way of the many look-ups that end there.
   [[nodiscard, gnu::noinline]] bool matchesLonger(std::string_view host, std::uint32_t cuts) const;
   [[nodiscard]] bool matchesInFull(std::string_view host) const;
+  /// Of a host of ASCII only the suffixes of at least so many labels, the others having been asked.
+  [[nodiscard, gnu::noinline]] bool matchesFrom(std::size_t labels, std::string_view host) const;
   template <class IsSeparator>
-  [[nodiscard]] bool matchesAnySuffix(std::string_view name, IsSeparator isSeparator) const;
+  [[nodiscard]] bool matchesAnySuffix(std::string_view name, std::size_t labelsMin,
+                                      IsSeparator isSeparator) const;
 
   DomainSet domains_;
   SuffixHash hash_ = SuffixHash::fixed();
