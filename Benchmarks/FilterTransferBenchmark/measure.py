@@ -1,12 +1,13 @@
 #!/usr/bin/python3
 """A bulk transfer of a released flow beside one of a flow that is only tracked.
 
-Two senders in namespaces of their own, with equal links to one receiver, each with four established
-TCP connections that take turns: of two that are equal, one is up to 3 % quicker for as long as both
-live, wherever that comes from. One namespace has the kernel rules and stillow-filter, which released the flow by its
-name; in the other connection tracking runs, with no rule that its packets meet. Sending is the
-direction in which every packet with data meets our rules; receiving, only acknowledgements do.
-They take turns in batches of some 10 ms. Every process is pinned to one core.
+Two senders in namespaces of their own, with equal links to one receiver, each with established TCP
+connections that take turns: of two that are equal one is up to 3 % quicker for as long as both live,
+wherever that comes from. One namespace has the kernel rules and stillow-filter, which released the
+flows by their name; in the other connection tracking runs, with no rule that its packets meet.
+Sending is the direction in which every packet with data meets our rules; receiving, only
+acknowledgements do. The sides take turns in batches of some 10 ms. Every process is pinned to one
+core.
 
   STILLOW_BIN=build/bench/bin Benchmarks/FilterTransferBenchmark/measure.py [FILE]
 

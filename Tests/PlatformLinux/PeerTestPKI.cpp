@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -164,18 +162,6 @@ void writeFile(const std::string& path, std::string_view content, unsigned mode)
   require(::write(file, content.data(), content.size()) == static_cast<ssize_t>(content.size()),
           "the file of a test cannot be written");
   require(::close(file) == 0, "the file of a test cannot be closed");
-}
-
-ScratchDirectory::ScratchDirectory() {
-  std::string name = (std::filesystem::temp_directory_path() / "stillow-peer.XXXXXX").string();
-  require(::mkdtemp(name.data()) != nullptr, "no scratch directory");
-  path_ = std::filesystem::canonical(name).string();
-}
-
-ScratchDirectory::~ScratchDirectory() {
-  std::error_code error;
-  std::filesystem::remove_all(path_,
-                              error);  // what is left behind lies in the system's own scratch
 }
 
 }  // namespace stillow::platform::test

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <ctime>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +13,7 @@
 #include <openssl/x509.h>
 
 #include "PlatformLinuxPeer/CodeStatement.hpp"
+#include "TestSupport/TemporaryDirectory.hpp"
 
 /// Certificates and signatures of every kind that the product has to accept or refuse. What the
 /// product accepts in earnest is made by scripts/codesign; this makes the rest.
@@ -61,21 +63,17 @@ struct SignatureTraits {
 /// Writes in place: the file keeps its inode. A new file gets `mode`.
 void writeFile(const std::string& path, std::string_view content, unsigned mode = 0644);
 
-/// A directory of its own for one test, removed at the end.
+/// A temporary directory under the path that the kernel has for it.
 class ScratchDirectory {
  public:
-  ScratchDirectory();
-  ~ScratchDirectory();
-  ScratchDirectory(const ScratchDirectory&) = delete;
-  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
   [[nodiscard]] const std::string& path() const { return path_; }
   [[nodiscard]] std::string operator/(std::string_view name) const {
     return path_ + "/" + std::string(name);
   }
 
  private:
-  std::string path_;
+  stillow::test::TemporaryDirectory directory_;
+  std::string path_ = std::filesystem::canonical(directory_.path()).string();
 };
 
 }  // namespace stillow::platform::test

@@ -1,4 +1,3 @@
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -10,6 +9,7 @@
 
 #include "StillowCore/PublicSuffixList.hpp"
 #include "StillowCore/ResourceBundle.hpp"
+#include "TestSupport/TemporaryDirectory.hpp"
 
 namespace stillow::core {
 namespace {
@@ -136,13 +136,7 @@ TEST(PublicSuffixList, isBundledWithTheProduct) {
 
 class ResourceBundleFiles : public ::testing::Test {
  protected:
-  ResourceBundleFiles() {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "stillow-bundle-XXXXXX").string();
-    root_ = ::mkdtemp(pattern.data());
-    std::filesystem::create_directories(root_ / "bin");
-  }
-  ~ResourceBundleFiles() override { std::filesystem::remove_all(root_); }
+  ResourceBundleFiles() { std::filesystem::create_directories(root_ / "bin"); }
 
   std::filesystem::path makeBundle(const std::filesystem::path& parent) {
     const auto directory = root_ / parent / "StillowCore_StillowCore.bundle";
@@ -156,7 +150,8 @@ class ResourceBundleFiles : public ::testing::Test {
     std::ofstream(path, std::ios::binary) << bytes;
   }
 
-  std::filesystem::path root_;
+  test::TemporaryDirectory directory_;
+  std::filesystem::path root_ = directory_.path();
 };
 
 using ResourceBundleDeathTest = ResourceBundleFiles;
